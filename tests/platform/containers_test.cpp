@@ -1,0 +1,220 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "metrofit/platform/containers/dyn_arr.h"
+#include "metrofit/platform/containers/page_arr.h"
+#include "metrofit/platform/containers/prf.h"
+#include "metrofit/platform/containers/quick_sort.h"
+#include "tests/support/random.h"
+
+namespace {
+
+struct Tagged {
+    int value = -1;  // default elements are recognisable
+};
+
+TEST(ContainersDynArr, IndexedWriteGrowsInWholeStepsAndFillsDefaults) {
+    coDynArr<Tagged> a(0, 4);
+    a[10].value = 7;
+    EXPECT_EQ(a.capacity(), 12);  // next multiple of 4 above index 10
+    EXPECT_EQ(a.size(), 11);
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(a[i].value, -1);
+    EXPECT_EQ(a[10].value, 7);
+
+    // Growth keeps the old elements and counts steps from the old capacity.
+    a[12].value = 3;
+    EXPECT_EQ(a.capacity(), 16);
+    EXPECT_EQ(a[10].value, 7);
+    coDynArr<int> b(5, 3);
+    b[9] = 1;  // ((9 - 5) / 3 + 1) * 3 + 5
+    EXPECT_EQ(b.capacity(), 11);
+}
+
+TEST(ContainersDynArr, AppendExpandShrinkClearAndCopies) {
+    doublecoDynArr a(1, 1);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(a.append(i), 1);
+    ASSERT_EQ(a.size(), 1000);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(a[i], i);
+    a.append(a[0]);  // appending an element of the array itself while it grows
+    EXPECT_EQ(a[1000], 0.0);
+
+    doublecoDynArr copy(utCopy, a);
+    copy[0] = 99;
+    EXPECT_EQ(a[0], 0.0);  // deep copy
+    doublecoDynArr assigned;
+    assigned = a;
+    EXPECT_EQ(assigned.size(), a.size());
+    assigned.become(utCopy, copy);
+    EXPECT_EQ(assigned[0], 99.0);
+
+    intcoDynArr c{1, 2, 3};
+    ASSERT_EQ(c.size(), 3);
+    c.expand(6);
+    EXPECT_EQ(c.size(), 6);
+    EXPECT_EQ(c[5], 0);
+    c.shrink(2, 1);
+    EXPECT_EQ(c.size(), 2);
+    EXPECT_EQ(c.capacity(), 2);
+    EXPECT_EQ(c[1], 2);
+    c.shrink(0, 0);
+    EXPECT_TRUE(c.empty());
+    c.append(4);
+    c.clear(1);
+    EXPECT_EQ(c.size(), 0);
+    EXPECT_EQ(c.capacity(), 0);
+    c.reserve(50);
+    EXPECT_GE(c.capacity(), 50);
+    EXPECT_EQ(c.size(), 0);
+
+    int sum = 0;
+    for (int v : intcoDynArr{4, 5, 6}) sum += v;
+    EXPECT_EQ(sum, 15);
+}
+
+TEST(ContainersPageArr, ElementsKeepTheirAddressesWhileTheArrayGrows) {
+    coPageArr<Tagged> a(0, 8, 1);
+    EXPECT_EQ(a.block_size(), 8);
+    a[0].value = 0;
+    const Tagged* first = &a.read(0);
+    for (int i = 1; i < 1000; ++i) a.append(Tagged{i});
+    EXPECT_EQ(first, &a.read(0));
+    EXPECT_EQ(a.size(), 1000);
+    for (int i = 0; i < 1000; i += 37) EXPECT_EQ(a[i].value, i);
+
+    a.enter(1500, Tagged{5});  // auto-extension fills defaults
+    EXPECT_EQ(a.size(), 1501);
+    EXPECT_EQ(a.read(1200).value, -1);
+    EXPECT_EQ(a.read(1500).value, 5);
+
+    coPageArr<int> odd(0, 5, 1);  // block size rounds up to a power of two
+    EXPECT_EQ(odd.block_size(), 8);
+}
+
+TEST(ContainersPageArr, GetBlockRepaginateReverseAndBulkCopies) {
+    intcoPageArr a(0, 16, 1);
+    EXPECT_EQ(a.get_block(3), 1);
+    EXPECT_EQ(a.num_blocks(), 4);
+    EXPECT_EQ(a.switch_block(4), 0);
+    for (int i = 0; i < 5; ++i) a.append(10 * i);
+    // 5 elements in 4 blocks of 16: one block of 8 suffices.
+    EXPECT_EQ(a.repaginate(), 64 - 8);
+    EXPECT_EQ(a.block_size(), 8);
+    EXPECT_EQ(a.num_blocks(), 1);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(a[i], 10 * i);
+    EXPECT_EQ(a.repaginate(), 0);  // nothing left to give back
+
+    a.reverse();
+    EXPECT_EQ(a[0], 40);
+    EXPECT_EQ(a[4], 0);
+
+    const int src[6] = {1, -1, 2, -1, 3, -1};
+    ASSERT_EQ(a.copyin(src, 20, 3, 2), 1);
+    EXPECT_EQ(a.size(), 23);
+    int out[3] = {};
+    ASSERT_EQ(a.copyout(out, 20, 3, 1), 1);
+    EXPECT_EQ(out[2], 3);
+    EXPECT_EQ(a.copyout(out, 22, 3, 1), 0);  // beyond the count
+
+    intcoPageArr b;
+    ASSERT_EQ(b.copy(a, 0, 20, 3), 1);
+    EXPECT_EQ(b.size(), 3);
+    EXPECT_EQ(b[1], 2);
+    intcoPageArr c(utCopy, a);
+    c[0] = -5;
+    EXPECT_EQ(a[0], 40);
+    c.shrink(2, 1);
+    EXPECT_EQ(c.size(), 2);
+    c.clear(1);
+    EXPECT_EQ(c.repaginate(), 0);
+    intcoPageArr empty(0, 16, 1);
+    empty.get_block(1);
+    EXPECT_EQ(empty.repaginate(), 32);  // an empty array gives back all its room
+}
+
+struct Counted {
+    explicit Counted(int* deaths) : deaths_(deaths) {}
+    ~Counted() { ++*deaths_; }
+    int* deaths_;
+};
+
+TEST(ContainersPrf, OwningHandlesDeleteOnceAndExternalOnesNever) {
+    int deaths = 0;
+    {
+        coPrf<Counted> owner(new Counted(&deaths));
+        coPrf<Counted> copy = owner;
+        EXPECT_FALSE(owner.external());
+        EXPECT_EQ(owner.use_count(), 2);
+        std::shared_ptr<Counted> shared = copy;
+        EXPECT_EQ(shared.get(), owner.get());
+    }
+    EXPECT_EQ(deaths, 1);
+
+    deaths = 0;
+    {
+        Counted local(&deaths);
+        coPrf<Counted> ext(coPrfExtern, &local);
+        EXPECT_TRUE(ext.external());
+        coPrf<Counted> copy = ext;
+        std::shared_ptr<Counted> shared = copy;
+        shared.reset();
+        copy.reset();
+    }
+    EXPECT_EQ(deaths, 1);  // only the stack object's own destructor ran
+}
+
+// Sorts a plain int array through the comparator interface.
+class IntSort : public coQuickSort {
+   public:
+    int obj_compare(void* const a, void* const b) const override {
+        const int x = *static_cast<int*>(a), y = *static_cast<int*>(b);
+        return (x > y) - (x < y);
+    }
+    void* arr_get(void* const arr, int i) const override { return static_cast<int*>(arr) + i; }
+    void arr_swap(void* const arr, int i, int j) const override {
+        std::swap(static_cast<int*>(arr)[i], static_cast<int*>(arr)[j]);
+    }
+};
+
+TEST(ContainersQuickSort, SortsRandomSortedReversedAndConstantInput) {
+    testsupport::Rng rng(7);
+    std::vector<std::vector<int>> inputs;
+    std::vector<int> random(5000), sorted(5000), reversed(5000), constant(5000, 3), few(5000);
+    for (int i = 0; i < 5000; ++i) {
+        random[i] = rng.integer(-100000, 100000);
+        sorted[i] = i;
+        reversed[i] = -i;
+        few[i] = rng.integer(0, 3);
+    }
+    inputs = {random, sorted, reversed, constant, few, {2, 1}, {1}, {}};
+    IntSort sorter;
+    for (std::vector<int> v : inputs) {
+        std::vector<int> expected = v;
+        std::sort(expected.begin(), expected.end());
+        sorter.sort(v.data(), static_cast<int>(v.size()));
+        EXPECT_EQ(v, expected);
+    }
+}
+
+TEST(ContainersQuickSort, IndexSortOrdersIndicesByPagedKeys) {
+    testsupport::Rng rng(11);
+    doublecoPageArr keys(0, 64, 1);
+    intcoDynArr index;
+    for (int i = 0; i < 700; ++i) {
+        keys.append(rng.uniform(-1, 1));
+        index.append(i);
+    }
+    doublecoQuickSortIndex(keys).sort(index);
+    std::vector<int> seen(700, 0);
+    for (int i = 0; i < 700; ++i) {
+        ++seen[index[i]];
+        if (i > 0) {
+            EXPECT_LE(keys[index[i - 1]], keys[index[i]]);
+        }
+    }
+    EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](int s) { return s == 1; }));
+}
+
+}  // namespace

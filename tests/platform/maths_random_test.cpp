@@ -1,0 +1,48 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "metrofit/platform/maths/random.h"
+
+namespace {
+
+// The first draws of seed 1, worked out by hand from
+// state' = state * 214013 + 2531011 (mod 2^32), draw = (state' >> 16) & 0x7fff:
+//   1 * 214013 + 2531011 = 2745024;              2745024 >> 16 = 41
+//   2745024 * 214013 + 2531011 = 587473352323;   mod 2^32 = 3357800067;
+//                                                >> 16 = 51235; & 0x7fff = 18467
+//   3357800067 * 214013 + 2531011 = 718612868269882; mod 2^32 = 415139642;
+//                                                >> 16 = 6334
+// Wrap-around from 2^32 - 1 (-1 as signed): -214013 + 2531011 = 2316998; >> 16 = 35.
+TEST(MathsRandom, DrawsFollowTheRecurrenceAndWrapAround) {
+    mlRandom r(1);
+    EXPECT_EQ(r.draw(), 41);
+    EXPECT_EQ(r.state(), 2745024);
+    EXPECT_EQ(r.draw(), 18467);
+    EXPECT_LT(r.state(), 0);  // 3357800067 read as signed
+    EXPECT_EQ(r.draw(), 6334);
+    EXPECT_EQ(r.state(), 415139642);
+    mlRandom w(-1);
+    EXPECT_EQ(w.draw(), 35);
+    EXPECT_EQ(w.state(), 2316998);
+}
+
+// Draws cover 0 .. 32767 and uniform doubles reach both ends of [lo, hi].
+TEST(MathsRandom, UniformReachesBothEnds) {
+    mlRandom a(6983277), c(6983277);
+    int low = 32767, high = 0;
+    double lo = 1e9, hi = -1e9;
+    for (int i = 0; i < 400000; ++i) {
+        const int d = a.draw();
+        low = std::min(low, d);
+        high = std::max(high, d);
+        const double u = c.uniform(-2.0, 3.0);
+        lo = std::min(lo, u);
+        hi = std::max(hi, u);
+    }
+    EXPECT_EQ(std::vector<double>({double(low), double(high), lo, hi}),
+              std::vector<double>({0, 32767, -2, 3}));
+}
+
+}  // namespace
