@@ -1,0 +1,63 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "metrofit/util/utils.h"
+#include "tests/support/sampling.h"
+
+namespace {
+
+TEST(UtilsProjectPointsToPlane, KeepsInPlaneDistancesAndMapsBack) {
+    const giXform3 motion = testsupport::random_motion(37.0, 1e3, 5);
+    const giPoint3 origin = motion * giPoint3(0, 0, 0);
+    const giVector3 normal = motion * giVector3(0, 0, 1);
+    giPoint3coDynArr pts;
+    for (int i = 0; i < 5; ++i) pts.append(motion * giPoint3(i * 3.0, i * i * 0.5, 2.0));
+    giPoint2coDynArr flat{giPoint2(9, 9)};  // stale content is replaced
+    giXform3 frame;
+    tsUtils::ProjectPointsToPlane(pts, origin, normal, flat, &frame);
+    ASSERT_EQ(flat.size(), 5);
+    for (int i = 0; i < 5; ++i) {
+        // In-plane distances survive; the height (2) is dropped and the frame
+        // maps the lifted 2D point back onto the original.
+        EXPECT_NEAR(distance(flat[i], flat[0]), std::hypot(i * 3.0, i * i * 0.5), 1e-9);
+        const giPoint3 back = frame.inverse() * giPoint3(flat[i].x(), flat[i].y(), 2.0);
+        EXPECT_NEAR(distance(back, pts[i]), 0.0, 1e-9);
+    }
+}
+
+TEST(UtilsProjectPointsToPlane, ReferenceAxisAndEmptyInput) {
+    // A normal along x takes its in-plane x axis from (0, 1, 0).
+    giPoint3coDynArr pts{giPoint3(5, 1, 0), giPoint3(5, 0, 1)};
+    giPoint2coDynArr flat;
+    giXform3 frame;
+    tsUtils::ProjectPointsToPlane(pts, giPoint3(0, 0, 0), giVector3(2, 0, 0), flat, &frame);
+    EXPECT_NEAR(flat[0].x(), 1.0, 1e-15);
+    EXPECT_NEAR(flat[0].y(), 0.0, 1e-15);
+    EXPECT_NEAR(std::abs(flat[1].y()), 1.0, 1e-15);
+
+    giPoint2coDynArr none{giPoint2(1, 1)};
+    giXform3 written;
+    tsUtils::ProjectPointsToPlane(giPoint3coDynArr(), giPoint3(0, 0, 0), giVector3(0, 0, 1), none,
+                                  &written);
+    EXPECT_EQ(none.size(), 0);
+    EXPECT_TRUE(written.is_set());
+    tsUtils::ProjectPointsToPlane(pts, giPoint3(0, 0, 0), giVector3(0, 0, 1), none, nullptr);
+    EXPECT_EQ(none.size(), 2);
+}
+
+TEST(UtilsGetOrthogonal, GivesUnitPerpendicularsForEveryDirection) {
+    const giVector3 dirs[] = {giVector3(1, 0, 0), giVector3(0, 1, 0),  giVector3(0, 0, 3),
+                              giVector3(1, 1, 0), giVector3(-2, 1, 5), giVector3(1e-9, 1, 0)};
+    for (const giVector3& v : dirs) {
+        giVector3 out;
+        tsUtils::get_orthogonal(v, out);
+        EXPECT_NEAR(out.length(), 1.0, 1e-15);
+        EXPECT_NEAR(dot(out, v), 0.0, 1e-15 * v.length());
+    }
+    giVector3 out;
+    tsUtils::get_orthogonal(giVector3(1, 0, 0), out);  // x x y
+    EXPECT_NEAR(out.z(), 1.0, 1e-15);
+}
+
+}  // namespace
