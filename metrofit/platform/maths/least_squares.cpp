@@ -19,6 +19,7 @@ constexpr double kRejectDamping = 1e-4;   // least lambda after a rejection
 constexpr double kMaxDamping = 1e10;      // beyond this the step is abandoned
 constexpr double kDecreaseTol = 1e-14;    // relative decrease at rounding level
 constexpr double kStepTol = 1e-15;        // relative step at rounding level
+constexpr double kTinyStep = 1e-13;       // a rejected step this small ends the fit
 // Polishing phase.
 constexpr int kMaxPolishSteps = 6;
 constexpr double kContraction = 0.5;     // each step at most half the last
@@ -65,21 +66,36 @@ double dot(const double* x, const double* y, int m) {
 }
 
 constexpr int kBlock = 64;
+// Models with at most this many parameters (every feature model of the
+// library) run on fixed-capacity matrices that live on the stack, so a fit
+// allocates next to nothing; larger models use heap matrices.
+constexpr int kSmallP = 16;
+
+template <int MaxP>
+struct Dense {
+    using Matrix = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, 0, MaxP, MaxP>;
+    using Vector = Eigen::Matrix<double, Eigen::Dynamic, 1, 0, MaxP, 1>;
+    using Flags = Eigen::Matrix<unsigned char, Eigen::Dynamic, 1, 0, MaxP, 1>;
+    using Block = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, 0,
+                                MaxP == Eigen::Dynamic ? Eigen::Dynamic : kBlock, MaxP>;
+    using BlockVector = Eigen::Matrix<double, Eigen::Dynamic, 1, 0,
+                                      MaxP == Eigen::Dynamic ? Eigen::Dynamic : kBlock, 1>;
+};
 
 // Scratch of one pass, shared by the normal systems of one fit (one pass runs
-// at a time): a gradient vector and a distance per point of a block, and the
-// block's scaled gradients gathered parameter by parameter.
+// at a time): the model's gradient vector, and a block of points' distances
+// and scaled gradients gathered parameter by parameter.
+template <int MaxP>
 struct BlockScratch {
     BlockScratch(int p, int n_points) {
         const int rows = std::max(1, std::min(kBlock, n_points));
-        block = Eigen::MatrixXd::Zero(rows, p);
-        distances = Eigen::VectorXd::Zero(rows);
-        gradients.resize(rows);
-        for (mlVector& g : gradients) g.become(mlVectorZero, p);
+        block.setZero(rows, p);
+        distances.setZero(rows);
+        gradient.become(mlVectorZero, p);
     }
-    Eigen::MatrixXd block;  // rows x p: column j is parameter j over the block
-    Eigen::VectorXd distances;
-    std::vector<mlVector> gradients;
+    typename Dense<MaxP>::Block block;  // rows x p: column j is parameter j over the block
+    typename Dense<MaxP>::BlockVector distances;
+    mlVector gradient;
 };
 
 // One pass over the points at the model's current parameters: the sum of
@@ -93,18 +109,22 @@ struct BlockScratch {
 // are accumulated from it with plain loops. No Jacobian of all points is
 // stored and nothing is allocated per point; gathering first keeps the
 // model's virtual calls out of the accumulation loops.
+template <int MaxP>
 class NormalSystem {
+    using Matrix = typename Dense<MaxP>::Matrix;
+    using Vector = typename Dense<MaxP>::Vector;
+
    public:
-    NormalSystem(int p, BlockScratch& scratch)
+    NormalSystem(int p, BlockScratch<MaxP>& scratch)
         : p_(p),
-          a_(Eigen::MatrixXd::Zero(p, p)),
-          g_(Eigen::VectorXd::Zero(p)),
-          inv_scale_(Eigen::VectorXd::Ones(p)),
-          jacobi_(Eigen::VectorXd::Ones(p)),
-          weight_(Eigen::VectorXd::Ones(p)),
-          c_(Eigen::VectorXd::Zero(p)),
-          y_(Eigen::VectorXd::Zero(p)),
-          kept_(p),
+          a_(Matrix::Zero(p, p)),
+          g_(Vector::Zero(p)),
+          inv_scale_(Vector::Ones(p)),
+          jacobi_(Vector::Ones(p)),
+          weight_(Vector::Ones(p)),
+          c_(Vector::Zero(p)),
+          y_(Vector::Zero(p)),
+          kept_(Dense<MaxP>::Flags::Zero(p)),
           scratch_(scratch),
           solver_(p) {}
 
@@ -119,26 +139,23 @@ class NormalSystem {
         }
         a_.setZero();
         g_.setZero();
-        Eigen::MatrixXd& block = scratch_.block;
-        Eigen::VectorXd& distances = scratch_.distances;
-        std::vector<mlVector>& gradients = scratch_.gradients;
-        const int rows = static_cast<int>(gradients.size());
+        auto& block = scratch_.block;
+        auto& distances = scratch_.distances;
+        mlVector& gradient = scratch_.gradient;
+        const int rows = static_cast<int>(block.rows());
         long double sum = 0.0L;
         const int n = model.n_points();
         for (int first = 0; first < n; first += rows) {
             const int m = std::min(rows, n - first);
+            // Entries are cleared as they are taken, so one a model leaves
+            // unwritten counts as 0.
+            double* grad = gradient.data();
             for (int b = 0; b < m; ++b) {
                 double d = 0.0;
-                model.get_distance_and_gradient(d, gradients[b], first + b);
+                model.get_distance_and_gradient(d, gradient, first + b);
+                grad = gradient.data();  // a model may have grown the vector
                 distances[b] = d;
                 sum += static_cast<long double>(d) * d;
-            }
-            // Each point has its own gradient vector, read only after the whole
-            // block: reading a vector right after the model's scalar stores
-            // would stall on store forwarding. Entries are cleared as they are
-            // taken, so one a model leaves unwritten counts as 0.
-            for (int b = 0; b < m; ++b) {
-                double* grad = gradients[b].data();
                 for (int j = 0; j < p_; ++j) {
                     block(b, j) = grad[j] * inv_scale_[j];
                     grad[j] = 0.0;
@@ -170,7 +187,7 @@ class NormalSystem {
             for (int k = j; k < p_; ++k) a_(k, j) /= jacobi_[j] * jacobi_[k];
         solver_.compute(a_);  // reads the lower triangle
         if (solver_.info() != Eigen::Success) return true;
-        const Eigen::VectorXd& mu = solver_.eigenvalues();  // ascending
+        const auto& mu = solver_.eigenvalues();  // ascending
         const double largest = mu[p_ - 1];
         const int gauge = p_ - std::clamp(model.n_independent_parameters(), 0, p_);
         for (int k = 0; k < p_; ++k) {
@@ -190,7 +207,7 @@ class NormalSystem {
 
     // Predicted decrease of S for damping lambda.
     double predicted_decrease(double lambda) const {
-        const Eigen::VectorXd& mu = solver_.eigenvalues();
+        const auto& mu = solver_.eigenvalues();
         double pred = 0.0;
         for (int k = 0; k < p_; ++k)
             if (kept_[k])
@@ -201,7 +218,7 @@ class NormalSystem {
 
     // Parameter change for damping lambda.
     void step(double lambda, mlVector& delta) {
-        const Eigen::VectorXd& mu = solver_.eigenvalues();
+        const auto& mu = solver_.eigenvalues();
         y_.setZero();
         for (int k = 0; k < p_; ++k)
             if (kept_[k]) y_ -= solver_.eigenvectors().col(k) * (c_[k] / (mu[k] + lambda));
@@ -223,15 +240,15 @@ class NormalSystem {
 
     // J^T J with scaled columns, lower triangle; valid after accumulate() and
     // before build() rescales it.
-    const Eigen::MatrixXd& normal_matrix() const { return a_; }
+    const Matrix& normal_matrix() const { return a_; }
 
    private:
     int p_;
-    Eigen::MatrixXd a_;
-    Eigen::VectorXd g_, inv_scale_, jacobi_, weight_, c_, y_;
-    std::vector<bool> kept_;
-    BlockScratch& scratch_;
-    Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver_;
+    Matrix a_;
+    Vector g_, inv_scale_, jacobi_, weight_, c_, y_;
+    typename Dense<MaxP>::Flags kept_;
+    BlockScratch<MaxP>& scratch_;
+    Eigen::SelfAdjointEigenSolver<Matrix> solver_;
     mlVector scales_;
     long double sum_ = 0.0L;
     bool sum_ok_ = false, system_ok_ = false, usable_ = false;
@@ -285,8 +302,8 @@ double mlDistanceLeastSquares::point_distribution_quality(const mlVector& v) {
     normalize_parameters(x);
     if (x.size() != p || !all_finite(x)) return 0.0;
     set_parameters(x);
-    BlockScratch scratch(p, n_points_);
-    NormalSystem system(p, scratch);
+    BlockScratch<Eigen::Dynamic> scratch(p, n_points_);
+    NormalSystem<Eigen::Dynamic> system(p, scratch);
     if (!system.accumulate(*this) || !system.system_ok()) return 0.0;
     const Eigen::MatrixXd& a = system.normal_matrix();
     mlMatrix normal(mlMatrixZero, p, p);
@@ -297,26 +314,19 @@ double mlDistanceLeastSquares::point_distribution_quality(const mlVector& v) {
     return std::sqrt(std::max(eigen.eigen_value(k - 1), 0.0));
 }
 
-double mlLevenbergMarquardt::fit(const mlVector& start, mlVector& result) {
-    iterations_ = 0;
-    mlDistanceLeastSquares& model = model_;
-    const int p = model.n_parameters();
-    if (p <= 0 || start.size() != p || !all_finite(start)) return DBL_MAX;
-    mlVector x(start);
-    model.normalize_parameters(x);
-    if (x.size() != p || !all_finite(x)) return DBL_MAX;
-    model.set_parameters(x);
-    if (model.n_points() == 0) {
-        result = x;
-        return 0.0;
-    }
+namespace {
 
+// The damped and polishing phases from the normalised start x, which the
+// model holds; see the header for the method.
+template <int MaxP>
+double minimise(mlDistanceLeastSquares& model, mlVector x, mlVector& result, int& iterations_) {
+    const int p = model.n_parameters();
     // `current` always holds the pass at x; `candidate` receives the pass at a
     // trial, and the two swap when the trial is accepted.
-    BlockScratch scratch(p, model.n_points());
-    NormalSystem first(p, scratch), second(p, scratch);
-    NormalSystem* current = &first;
-    NormalSystem* candidate = &second;
+    BlockScratch<MaxP> scratch(p, model.n_points());
+    NormalSystem<MaxP> first(p, scratch), second(p, scratch);
+    NormalSystem<MaxP>* current = &first;
+    NormalSystem<MaxP>* candidate = &second;
     ++iterations_;
     if (!current->build(model)) return DBL_MAX;
     long double f = current->sum();
@@ -351,6 +361,13 @@ double mlLevenbergMarquardt::fit(const mlVector& start, mlVector& result) {
                     accepted = sum_of_squares(model, trial, f_trial) && f_trial < f;
                 }
             }
+            if (!accepted && first_try && current->relative_change(x, trial) <= kTinyStep) {
+                // A step at the rounding level of the parameters that does not
+                // lower the sum: x is the minimum as far as doubles resolve it
+                // (the usual end on exact data, where the sum is all rounding).
+                converged = true;
+                break;
+            }
             first_try = false;
             if (!accepted) {
                 lambda = std::max(lambda * 10.0, kRejectDamping);
@@ -368,7 +385,7 @@ double mlLevenbergMarquardt::fit(const mlVector& start, mlVector& result) {
                 current->build(model);  // the model holds x: add its A and g
             }
         }
-        if (!accepted) break;
+        if (!accepted || converged) break;
         if (relative_step <= kStepTol) {
             converged = true;
             break;
@@ -405,4 +422,23 @@ double mlLevenbergMarquardt::fit(const mlVector& start, mlVector& result) {
     model.set_parameters(x);
     result = x;
     return static_cast<double>(f / model.n_points());
+}
+
+}  // namespace
+
+double mlLevenbergMarquardt::fit(const mlVector& start, mlVector& result) {
+    iterations_ = 0;
+    mlDistanceLeastSquares& model = model_;
+    const int p = model.n_parameters();
+    if (p <= 0 || start.size() != p || !all_finite(start)) return DBL_MAX;
+    mlVector x(start);
+    model.normalize_parameters(x);
+    if (x.size() != p || !all_finite(x)) return DBL_MAX;
+    model.set_parameters(x);
+    if (model.n_points() == 0) {
+        result = x;
+        return 0.0;
+    }
+    return p <= kSmallP ? minimise<kSmallP>(model, x, result, iterations_)
+                        : minimise<Eigen::Dynamic>(model, x, result, iterations_);
 }

@@ -93,8 +93,12 @@ class mlDistanceLeastSquares {
 // - The damped phase ends when the predicted or the achieved relative
 //   decrease of S falls to 1e-14 (its rounding level), when no trial lowers S,
 //   when the step is negligible (1e-15 relative, both the step and the
-//   parameter vector measured by the change of distance they cause), or after
-//   100 passes.
+//   parameter vector measured by the change of distance they cause), when
+//   the least damped trial of an iteration is rejected although its step is
+//   at most 1e-13 relative (S no longer tells the points apart, as on exact
+//   data), or after 100 passes.
+// - Models with up to 16 parameters run on fixed-capacity matrices on the
+//   stack, so a fit makes only a handful of small heap allocations.
 // - S cannot resolve the last digits of the optimum, but g can: a polishing
 //   phase takes up to 6 undamped Gauss-Newton steps, each kept only if the
 //   step computed at the new point is at most half the previous one (the
