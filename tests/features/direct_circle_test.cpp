@@ -1,0 +1,145 @@
+#include "metrofit/features/direct_circle.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "tests/support/reference.h"
+#include "tests/support/sampling.h"
+
+namespace {
+
+giPoint2coDynArr moved2(const giPoint2coDynArr& pts, double degrees, double dx, double dy,
+                        double scale = 1.0) {
+    const double a = degrees * testsupport::kPi / 180, c = std::cos(a), s = std::sin(a);
+    giPoint2coDynArr out;
+    for (const giPoint2& p : pts)
+        out.append(
+            giPoint2(scale * (c * p.x() - s * p.y()) + dx, scale * (s * p.x() + c * p.y()) + dy));
+    return out;
+}
+
+// Exact circles of 3, 4 and 50 points, turned and moved up to 1e5 from the
+// origin: the 2D and 3D fits return them to the rounding the coordinates
+// carry (the algebraic matrix is formed about the centroid).
+TEST(DirectCircleExact, RecoversExactCirclesAnywhere) {
+    for (const int n : {3, 4, 50}) {
+        for (const double offset : {0.0, 1e3, 1e5}) {
+            SCOPED_TRACE(testing::Message() << n << " points at " << offset);
+            const double tol = 1e-10 * 7 + 1e-11 * offset;
+            const giPoint2coDynArr flat =
+                moved2(testsupport::circle_points2(n, giPoint2(0, 0), 7, 250, 0, 1), 25,
+                       offset * 0.6, -offset * 0.8);
+            const tsDirectCircle2 fit2(flat);
+            ASSERT_EQ(fit2.status(), 5);
+            EXPECT_LE(distance(fit2.centre(), giPoint2(offset * 0.6, -offset * 0.8)), tol);
+            EXPECT_NEAR(fit2.radius(), 7, tol);
+
+            const giXform3 motion = testsupport::random_motion(70, offset, 3);
+            const giPoint3coDynArr space =
+                testsupport::transformed(motion, testsupport::circle_points3(n, 7, 250, 0, 1));
+            const tsDirectCircle3 fit3(space);
+            ASSERT_EQ(fit3.status(), 5);
+            EXPECT_LE(distance(fit3.centre(), motion * giPoint3(0, 0, 0)), tol);
+            EXPECT_NEAR(fit3.radius(), 7, tol);
+            const giUnitVec3 normal = motion * giUnitVec3(0, 0, 1);
+            EXPECT_LE(testsupport::undirected_angle(
+                          fit3.plane().normal().x(), fit3.plane().normal().y(),
+                          fit3.plane().normal().z(), normal.x(), normal.y(), normal.z()),
+                      1e-10);
+            EXPECT_EQ(fit3.plane().origin(), fit3.centre());
+            EXPECT_EQ(&fit3.points(), &space);
+        }
+    }
+}
+
+// On noisy points the algebraic circle lies near the truth, moves with the
+// points under rotation and translation, and scales with them: the
+// constraint makes it independent of the coordinate frame.
+TEST(DirectCircleNoisy, NearTruthAndIndependentOfTheFrame) {
+    for (const double arc : {360.0, 90.0}) {
+        SCOPED_TRACE(arc);
+        const double sigma = 1e-3;
+        const giPoint2coDynArr base =
+            testsupport::circle_points2(200, giPoint2(2, -1), 15, arc, sigma, 5);
+        const tsDirectCircle2 fit(base);
+        ASSERT_EQ(fit.status(), 5);
+        // 6 sigma / sqrt(n), widened 10x for the 90-degree arc's conditioning.
+        const double truth_tol = (arc < 360 ? 10 : 1) * 6 * sigma / std::sqrt(200.0);
+        EXPECT_LE(distance(fit.centre(), giPoint2(2, -1)), truth_tol);
+        EXPECT_NEAR(fit.radius(), 15, truth_tol);
+
+        const tsDirectCircle2 moved(moved2(base, 33, 4e4, 3e4));
+        ASSERT_EQ(moved.status(), 5);
+        const giPoint2coDynArr centre_moved = moved2({fit.centre()}, 33, 4e4, 3e4);
+        const giPoint2 expected = centre_moved[0];
+        EXPECT_LE(distance(moved.centre(), expected), 1e-9 * 15 + 1e-11 * 5e4);
+        EXPECT_NEAR(moved.radius(), fit.radius(), 1e-9 * 15 + 1e-11 * 5e4);
+
+        const tsDirectCircle2 scaled(moved2(base, 0, 0, 0, 3.0));
+        ASSERT_EQ(scaled.status(), 5);
+        EXPECT_NEAR(scaled.radius(), 3 * fit.radius(), 1e-12 * 45);
+        EXPECT_LE(distance(scaled.centre(), giPoint2(3 * fit.centre().x(), 3 * fit.centre().y())),
+                  1e-12 * 45);
+
+        const tsDirectCircle2 again(base);
+        EXPECT_TRUE(again.centre() == fit.centre() && again.radius() == fit.radius());
+    }
+}
+
+// Two points: the circle on them as diameter. Degenerate sets get their
+// status and leave the circle unset.
+TEST(DirectCircleDegenerate, StatusesOfSmallAndDegenerateSets) {
+    const tsDirectCircle2 two({giPoint2(1, 1), giPoint2(7, 9)});
+    ASSERT_EQ(two.status(), 5);
+    EXPECT_EQ(two.centre(), giPoint2(4, 5));
+    EXPECT_EQ(two.radius(), 5);
+    const tsDirectCircle3 two3({giPoint3(1, 1, 1), giPoint3(7, 9, 1)});
+    ASSERT_EQ(two3.status(), 5);
+    EXPECT_EQ(two3.centre(), giPoint3(4, 5, 1));
+    EXPECT_NEAR(two3.radius(), 5, 1e-15);
+
+    giPoint2coDynArr diagonal, far_line;
+    for (int i = 0; i < 6; ++i) {
+        diagonal.append(giPoint2(0.7 * i, 0.7 * i));
+        far_line.append(giPoint2(1e5 + 0.3 * i, -2e4 - 0.9 * i));
+    }
+    const struct {
+        const char* what;
+        giPoint2coDynArr pts;
+        int status;
+    } flat[] = {{"none", {}, 1},
+                {"one", {giPoint2(1, 2)}, 1},
+                {"three collinear", {giPoint2(0, 0), giPoint2(1, 1), giPoint2(3, 3)}, 4},
+                {"three with two equal", {giPoint2(0, 0), giPoint2(1, 1), giPoint2(0, 0)}, 4},
+                {"collinear diagonal", diagonal, 4},
+                {"collinear far away", far_line, 4},
+                {"all equal", {giPoint2(3, 3), giPoint2(3, 3), giPoint2(3, 3), giPoint2(3, 3)}, 4},
+                {"NaN", {giPoint2(0, 0), giPoint2(NAN, 1), giPoint2(1, 0), giPoint2(2, 2)}, 4}};
+    for (const auto& k : flat) {
+        SCOPED_TRACE(k.what);
+        const tsDirectCircle2 fit(k.pts);
+        EXPECT_EQ(fit.status(), k.status);
+        EXPECT_FALSE(fit.centre().is_set());
+    }
+
+    giPoint3coDynArr line3;
+    for (int i = 0; i < 5; ++i) line3.append(giPoint3(1 + i, 2 - 2 * i, 3 + 0.5 * i));
+    const struct {
+        const char* what;
+        giPoint3coDynArr pts;
+        int status;
+    } space[] = {{"one", {giPoint3(1, 2, 3)}, 1},
+                 {"two equal", {giPoint3(1, 2, 3), giPoint3(1, 2, 3)}, 3},
+                 {"all equal", {giPoint3(1, 2, 3), giPoint3(1, 2, 3), giPoint3(1, 2, 3)}, 3},
+                 {"infinite", {giPoint3(0, 0, 0), giPoint3(1, 0, 0), giPoint3(0, INFINITY, 0)}, 3},
+                 {"collinear", line3, 4}};
+    for (const auto& k : space) {
+        SCOPED_TRACE(k.what);
+        const tsDirectCircle3 fit(k.pts);
+        EXPECT_EQ(fit.status(), k.status);
+        EXPECT_FALSE(fit.centre().is_set());
+    }
+}
+
+}  // namespace
