@@ -49,8 +49,13 @@ consumer: build
 	cmake --build $(BUILD)/_consumer -j $(JOBS) > /dev/null
 	$(BUILD)/_consumer/consumer
 
+# Fits every sample file in examples/ with the command-line tool.
 demo: build
-	$(MAKE) --no-print-directory consumer
+	@for f in sphere circle2 circle3 plane line2 line3; do \
+	  echo "== metrofit fit $$f examples/$$f.txt"; \
+	  $(BUILD)/tools/metrofit/metrofit fit $$f examples/$$f.txt || exit 1; \
+	  echo; \
+	done
 
 sanitize: deps
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMETROFIT_SANITIZE=ON $(CMAKE_ARGS)

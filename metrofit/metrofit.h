@@ -1,6 +1,15 @@
 // Umbrella header: every public header of metrofit.
 #pragma once
 
+#include "metrofit/features/circle.h"
+#include "metrofit/features/direct_circle.h"
+#include "metrofit/features/line.h"
+#include "metrofit/features/plane.h"
+#include "metrofit/features/sphere.h"
+#include "metrofit/frame/distribution_quality.h"
+#include "metrofit/frame/input_checks.h"
+#include "metrofit/frame/least_square_distance.h"
+#include "metrofit/frame/least_square_evaluator.h"
 #include "metrofit/platform/containers/dyn_arr.h"
 #include "metrofit/platform/containers/page_arr.h"
 #include "metrofit/platform/containers/prf.h"
@@ -26,3 +35,6 @@
 #include "metrofit/platform/maths/vector.h"
 #include "metrofit/platform/utility/tags.h"
 #include "metrofit/platform/utility/ut_math.h"
+#include "metrofit/util/scan_range.h"
+#include "metrofit/util/utils.h"
+#include "metrofit/util/vector_gradient.h"

@@ -1,0 +1,307 @@
+#include "tools/metrofit/fit_command.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/sampling.h"
+
+namespace {
+
+using namespace metrofit_tool;
+using testsupport::kPi;
+
+struct ToolRun {
+    int status;
+    std::string out, err;
+};
+
+// Runs the tool in-process with `input` as standard input (file "-").
+ToolRun run_tool(const std::vector<std::string>& args, const std::string& input = "") {
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    const int status = run_metrofit(args, in, out, err);
+    return {status, out.str(), err.str()};
+}
+
+std::string rows(const giPoint3coDynArr& pts) {
+    std::ostringstream s;
+    s.precision(17);
+    for (const giPoint3& p : pts) s << p.x() << ", " << p.y() << ", " << p.z() << "\n";
+    return s.str();
+}
+
+std::string rows(const giPoint2coDynArr& pts) {
+    std::ostringstream s;
+    s.precision(17);
+    for (const giPoint2& p : pts) s << p.x() << " " << p.y() << "\n";
+    return s.str();
+}
+
+// The numbers after "key": in the tool's JSON (one number or an array).
+std::vector<double> json_numbers(const std::string& json, const std::string& key) {
+    std::vector<double> v;
+    std::size_t at = json.find("\"" + key + "\": ");
+    if (at == std::string::npos) return v;
+    const char* p = json.c_str() + at + key.size() + 4;
+    const bool array = *p == '[';
+    if (array) ++p;
+    for (;;) {
+        char* end = nullptr;
+        const double x = std::strtod(p, &end);
+        if (end == p) break;
+        v.push_back(x);
+        p = end;
+        if (!array || *p != ',') break;
+        p += 2;
+    }
+    return v;
+}
+
+// ---- arguments ---------------------------------------------------------------
+
+struct UsageCase {
+    std::vector<std::string> args;
+    std::string message;
+};
+
+class ToolUsage : public ::testing::TestWithParam<UsageCase> {};
+
+TEST_P(ToolUsage, RefusesWithStatusTwoAndSaysWhy) {
+    const ToolRun r = run_tool(GetParam().args);
+    EXPECT_EQ(r.status, kExitUsage);
+    EXPECT_TRUE(r.out.empty());
+    EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Tool, ToolUsage,
+    ::testing::Values(
+        UsageCase{{}, "no command"}, UsageCase{{"fit"}, "needs a feature"},
+        UsageCase{{"fit", "sphere"}, "needs a file"},
+        UsageCase{{"fits", "sphere", "f"}, "unknown command 'fits'"},
+        UsageCase{{"fit", "cube", "f"}, "unknown feature 'cube'"},
+        UsageCase{{"fit", "sphere", "f", "g"}, "unexpected argument 'g'"},
+        UsageCase{{"fit", "sphere", "f", "--jsn"}, "unknown option '--jsn'"},
+        UsageCase{{"fit", "line3", "f", "--probe-radius", "1"}, "line3 has no probed fit"},
+        UsageCase{{"fit", "circle3", "f", "--probe-radius=1"}, "circle3 has no probed fit"},
+        UsageCase{{"fit", "sphere", "f", "--inside"}, "--inside needs --probe-radius"},
+        UsageCase{{"fit", "plane", "f", "--probe-radius", "1", "--inside"}, "does not apply"},
+        UsageCase{{"fit", "sphere", "f", "--probe-radius"}, "needs a value"},
+        UsageCase{{"fit", "sphere", "f", "--probe-radius", "-1"}, "at least 0"},
+        UsageCase{{"fit", "sphere", "f", "--probe-radius", "nan"}, "finite number"},
+        UsageCase{{"fit", "sphere", "f", "--probe-radius", "2mm"}, "'2mm'"},
+        UsageCase{{"fit", "sphere", "f", "--probe-radius", "1", "--probe-radius", "1"}, "twice"},
+        UsageCase{{"fit", "sphere", "/nonexistent/points.txt"}, "cannot open"}));
+
+TEST(ToolHelp, DescribesEveryFeatureAndTheProbeColumns) {
+    const ToolRun r = run_tool({"--help"});
+    EXPECT_EQ(r.status, kExitOk);
+    for (const char* word : {"line2", "line3", "plane", "circle2", "circle3", "sphere",
+                             "--probe-radius", "--inside", "--json", "x y z nx ny nz"})
+        EXPECT_NE(r.out.find(word), std::string::npos) << word;
+    EXPECT_EQ(run_tool({"fit", "sphere", "f", "-h"}).status, kExitOk);
+    EXPECT_EQ(run_tool({"--version"}).status, kExitOk);
+}
+
+// ---- input errors and refusals --------------------------------------------
+
+TEST(ToolInput, BadLineStopsWithItsNumberAndStatusTwo) {
+    const ToolRun r = run_tool({"fit", "plane", "-"}, "0 0 0\n1 0 0\n# note\n0 1 inf\n1 1 0\n");
+    EXPECT_EQ(r.status, kExitUsage);
+    EXPECT_TRUE(r.out.empty());
+    EXPECT_NE(r.err.find("-: line 4: value is not finite: 'inf'"), std::string::npos) << r.err;
+
+    // A probed plane needs six numbers a line; plain coordinates are not
+    // taken for it.
+    const ToolRun columns = run_tool({"fit", "plane", "-", "--probe-radius", "1"}, "0 0 0\n");
+    EXPECT_EQ(columns.status, kExitUsage);
+    EXPECT_NE(columns.err.find("expected 6 numbers (x y z nx ny nz), found 3"), std::string::npos);
+
+    const ToolRun zero =
+        run_tool({"fit", "line2", "-", "--probe-radius", "1"}, "0 1 0 1\n1 1 0 1\n2 1 0 0\n");
+    EXPECT_EQ(zero.status, kExitUsage);
+    EXPECT_NE(zero.err.find("line 3: contact direction has no length"), std::string::npos);
+}
+
+TEST(ToolInput, RefusedFitGivesStatusOneAndAReason) {
+    const ToolRun few = run_tool({"fit", "sphere", "-"}, "0 0 1\n0 1 0\n1 0 0\n");
+    EXPECT_EQ(few.status, kExitRefused);
+    EXPECT_TRUE(few.out.empty());
+    EXPECT_NE(few.err.find("needs at least 4 points; the file has 3"), std::string::npos)
+        << few.err;
+    const ToolRun none = run_tool({"fit", "line2", "-", "--json"}, "# empty\n");
+    EXPECT_EQ(none.status, kExitRefused);
+    EXPECT_NE(none.err.find("the file has 0"), std::string::npos);
+}
+
+TEST(ToolInput, SetThatHardlyFixesTheFeatureWarns) {
+    // Collinear points fit a plane (status 1) but fix no normal: the report
+    // is printed, and a warning goes to standard error.
+    const ToolRun r = run_tool({"fit", "plane", "-"}, "0 0 0\n1 1 1\n2 2 2\n");
+    EXPECT_EQ(r.status, kExitOk);
+    EXPECT_NE(r.out.find("quality"), std::string::npos);
+    EXPECT_NE(r.err.find("warning"), std::string::npos) << r.err;
+}
+
+// ---- fits ------------------------------------------------------------------
+
+TEST(ToolFit, SphereReportIsTheFitAndDeterministic) {
+    const giPoint3 c(10, -20, 30);
+    const std::string input = rows(testsupport::sphere_points(60, c, 25.0, 120.0, 0.001, 41));
+    const ToolRun r = run_tool({"fit", "sphere", "-", "--json"}, input);
+    ASSERT_EQ(r.status, kExitOk) << r.err;
+    EXPECT_TRUE(r.err.empty());
+    const std::vector<double> centre = json_numbers(r.out, "centre");
+    ASSERT_EQ(centre.size(), 3u);
+    // Centre and radius within a few sigma / sqrt(n) of the truth, the cap's
+    // weaker axis included (sigma 0.001, n = 60).
+    EXPECT_NEAR(centre[0], 10.0, 2e-3);
+    EXPECT_NEAR(centre[1], -20.0, 2e-3);
+    EXPECT_NEAR(centre[2], 30.0, 2e-3);
+    EXPECT_NEAR(json_numbers(r.out, "radius").at(0), 25.0, 2e-3);
+    const double rms = json_numbers(r.out, "rms").at(0);
+    const double form = json_numbers(r.out, "form_deviation").at(0);
+    EXPECT_NEAR(rms, 0.001, 0.0004);
+    EXPECT_GT(form, 2.0 * rms);  // max - min of 60 residuals spans several sigma
+    EXPECT_LT(form, 10.0 * rms);
+    const double q = json_numbers(r.out, "distribution_quality").at(0);
+    EXPECT_GT(q, 0.0);
+    EXPECT_LT(q, 1.0);
+    EXPECT_EQ(run_tool({"fit", "sphere", "-", "--json"}, input).out, r.out);
+
+    const ToolRun human = run_tool({"fit", "sphere", "-"}, input);
+    ASSERT_EQ(human.status, kExitOk);
+    for (const char* label :
+         {"feature   sphere", "points    60", "centre", "radius", "rms", "form", "quality"})
+        EXPECT_NE(human.out.find(label), std::string::npos) << label;
+}
+
+// Probe centres at R + rho (outside) or R - rho (inside) from the centre:
+// the tool reports the touched radius R, with residuals near zero.
+TEST(ToolFit, ProbedSphereAndCircleReportTheTouchedSurface) {
+    const double R = 20.0, rho = 1.5;
+    for (const bool inside : {false, true}) {
+        const double centres_at = inside ? R - rho : R + rho;
+        std::vector<std::string> args = {"fit", "sphere", "-", "--json", "--probe-radius", "1.5"};
+        if (inside) args.push_back("--inside");
+        const ToolRun s = run_tool(
+            args, rows(testsupport::sphere_points(50, giPoint3(1, 2, 3), centres_at, 150, 0, 7)));
+        ASSERT_EQ(s.status, kExitOk) << s.err;
+        EXPECT_NEAR(json_numbers(s.out, "radius").at(0), R, 1e-9);
+        EXPECT_LT(json_numbers(s.out, "form_deviation").at(0), 1e-9);
+
+        args[1] = "circle2";
+        const ToolRun c = run_tool(
+            args, rows(testsupport::circle_points2(30, giPoint2(-4, 9), centres_at, 200, 0, 8)));
+        ASSERT_EQ(c.status, kExitOk) << c.err;
+        const std::vector<double> centre = json_numbers(c.out, "centre");
+        EXPECT_NEAR(json_numbers(c.out, "radius").at(0), R, 1e-9);
+        EXPECT_NEAR(centre.at(0), -4.0, 1e-9);
+        EXPECT_NEAR(centre.at(1), 9.0, 1e-9);
+        EXPECT_LT(json_numbers(c.out, "form_deviation").at(0), 1e-9);
+    }
+}
+
+// Probe centres rho above the plane z = 1 (or the line y = 2), contact
+// directions along +z (+y) with some length: the tool reports the touched
+// plane with its normal towards the probe.
+TEST(ToolFit, ProbedPlaneAndLineFollowTheContactDirections) {
+    const double rho = 0.5;
+    std::ostringstream plane, line;
+    plane.precision(17);
+    line.precision(17);
+    testsupport::Rng rng(3);
+    double mean_x = 0.0, mean_y = 0.0;
+    for (int i = 0; i < 20; ++i) {
+        const double x = rng.uniform(-10, 10), y = rng.uniform(-10, 10);
+        mean_x += x / 20;
+        mean_y += y / 20;
+        plane << x << " " << y << " " << 1.0 + rho << " 0 0 " << 2.0 + i << "\n";
+        line << x << ", " << 2.0 + rho << ", 0, " << 0.5 + i << "\n";
+    }
+    const ToolRun p =
+        run_tool({"fit", "plane", "-", "--probe-radius", "0.5", "--json"}, plane.str());
+    ASSERT_EQ(p.status, kExitOk) << p.err;
+    const std::vector<double> n = json_numbers(p.out, "normal"), at = json_numbers(p.out, "point");
+    EXPECT_NEAR(n.at(2), 1.0, 1e-12);
+    // The point reported is the foot of the probe centres' centroid.
+    EXPECT_NEAR(at.at(0), mean_x, 1e-9);
+    EXPECT_NEAR(at.at(1), mean_y, 1e-9);
+    EXPECT_NEAR(at.at(2), 1.0, 1e-9);
+    EXPECT_LT(json_numbers(p.out, "form_deviation").at(0), 1e-9);
+
+    const ToolRun l =
+        run_tool({"fit", "line2", "-", "--probe-radius", "0.5", "--json"}, line.str());
+    ASSERT_EQ(l.status, kExitOk) << l.err;
+    EXPECT_NEAR(json_numbers(l.out, "normal").at(1), 1.0, 1e-12);
+    EXPECT_NEAR(std::fabs(json_numbers(l.out, "direction").at(0)), 1.0, 1e-12);
+    EXPECT_NEAR(json_numbers(l.out, "point").at(0), mean_x, 1e-9);
+    EXPECT_NEAR(json_numbers(l.out, "point").at(1), 2.0, 1e-9);
+    EXPECT_LT(json_numbers(l.out, "form_deviation").at(0), 1e-9);
+}
+
+TEST(ToolFit, FormDeviationSpansTheResiduals) {
+    // A square of side 10 in z = 0 with one corner raised by 0.4: the plane
+    // fit tilts, and form = max - min of the signed residuals.
+    const ToolRun r =
+        run_tool({"fit", "plane", "-", "--json"}, "0 0 0\n10 0 0\n0 10 0\n10 10 0.4\n");
+    ASSERT_EQ(r.status, kExitOk);
+    // Residuals +-0.1 alternate around the corners (a twisted quadrilateral).
+    EXPECT_NEAR(json_numbers(r.out, "form_deviation").at(0), 0.2, 1e-3);
+    EXPECT_NEAR(json_numbers(r.out, "rms").at(0), 0.1, 1e-3);
+
+    // Points 0.1 off the x axis, placed so that the fitted line is the x
+    // axis itself: form is twice the largest distance, the zone's diameter.
+    const ToolRun l =
+        run_tool({"fit", "line3", "-", "--json"}, "0 0.1 0\n10 -0.1 0\n20 -0.1 0\n30 0.1 0\n");
+    ASSERT_EQ(l.status, kExitOk);
+    EXPECT_NEAR(json_numbers(l.out, "form_deviation").at(0), 0.2, 1e-12);
+    EXPECT_NEAR(json_numbers(l.out, "rms").at(0), 0.1, 1e-12);
+}
+
+// Every sample file in examples/ fits close to the feature its comment
+// names (the files carry noise of a few micrometres).
+TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
+    const std::string dir = std::string(METROFIT_TEST_DATA_DIR) + "/../../examples/";
+    struct Expect {
+        const char* feature;
+        const char* key;
+        std::vector<double> value;
+        double tol;
+    };
+    const double s30 = std::sin(kPi / 6), c30 = std::cos(kPi / 6);
+    const Expect cases[] = {
+        {"sphere", "centre", {10, -20, 30}, 0.02},
+        {"sphere", "radius", {25}, 0.02},
+        {"circle2", "centre", {50, 20}, 0.005},
+        {"circle2", "radius", {12.5}, 0.005},
+        {"circle3", "centre", {100, 50, 20}, 0.01},
+        {"circle3", "radius", {30}, 0.01},
+        {"plane", "normal", {0.049928, -0.019971, 0.998553}, 1e-4},
+        {"line2", "direction", {c30, s30}, 1e-4},
+        {"line3", "direction", {1.0 / 3, 2.0 / 3, 2.0 / 3}, 1e-4},
+    };
+    for (const Expect& e : cases) {
+        const ToolRun r = run_tool({"fit", e.feature, dir + e.feature + ".txt", "--json"});
+        ASSERT_EQ(r.status, kExitOk) << e.feature << ": " << r.err;
+        std::vector<double> got = json_numbers(r.out, e.key);
+        ASSERT_EQ(got.size(), e.value.size()) << e.feature;
+        // Directions and normals have no fixed sense.
+        double sense = 1.0;
+        if (std::string(e.key) != "centre" && std::string(e.key) != "radius") {
+            double d = 0.0;
+            for (std::size_t k = 0; k < got.size(); ++k) d += got[k] * e.value[k];
+            sense = d < 0 ? -1.0 : 1.0;
+        }
+        for (std::size_t k = 0; k < got.size(); ++k)
+            EXPECT_NEAR(sense * got[k], e.value[k], e.tol) << e.feature << " " << e.key;
+        EXPECT_LT(json_numbers(r.out, "rms").at(0), 0.01) << e.feature;
+    }
+}
+
+}  // namespace

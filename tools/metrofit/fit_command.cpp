@@ -1,0 +1,631 @@
+#include "tools/metrofit/fit_command.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+
+#include "metrofit/frame/distribution_quality.h"
+#include "metrofit/frame/least_square_evaluator.h"
+
+#ifndef METROFIT_VERSION
+#define METROFIT_VERSION "unknown"
+#endif
+
+namespace metrofit_tool {
+
+namespace {
+
+struct FeatureInfo {
+    Feature feature;
+    const char* name;
+    const char* description;
+    int dimension;       // coordinates per point
+    int minimum_points;  // below this every fit of the feature refuses
+    bool probed_form;    // a probed fit exists
+    bool directions;     // its probed fit takes contact directions
+};
+
+constexpr FeatureInfo kFeatures[] = {
+    {Feature::line2, "line2", "straight line in the plane", 2, 2, true, true},
+    {Feature::line3, "line3", "straight line in space", 3, 2, false, false},
+    {Feature::plane, "plane", "plane", 3, 3, true, true},
+    {Feature::circle2, "circle2", "circle in the plane", 2, 3, true, false},
+    {Feature::circle3, "circle3", "circle in space", 3, 3, false, false},
+    {Feature::sphere, "sphere", "sphere", 3, 4, true, false},
+};
+
+const FeatureInfo& info(Feature f) {
+    for (const FeatureInfo& i : kFeatures)
+        if (i.feature == f) return i;
+    return kFeatures[0];
+}
+
+// Below this distribution quality the points hardly fix the feature (a
+// whole circle scores about 1, an arc of 10 degrees 0.001).
+constexpr double kPoorQuality = 0.001;
+
+bool with_directions(const Options& o) { return o.probed && info(o.feature).directions; }
+
+std::string number(double v, const char* format) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, format, v);
+    return buffer;
+}
+
+// Largest minus smallest of the residuals; 0 for none.
+double spread(const std::vector<double>& r) {
+    if (r.empty()) return 0.0;
+    const auto mm = std::minmax_element(r.begin(), r.end());
+    return *mm.second - *mm.first;
+}
+
+double rms_of(const std::vector<double>& r) {
+    double s = 0.0;
+    for (const double d : r) s += d * d;
+    return r.empty() ? 0.0 : std::sqrt(s / r.size());
+}
+
+giPoint2coDynArr points2(const PointTable& t) {
+    giPoint2coDynArr p;
+    p.reserve(t.rows());
+    for (int i = 0; i < t.rows(); ++i) p.append(giPoint2(t.at(i, 0), t.at(i, 1)));
+    return p;
+}
+
+giPoint3coDynArr points3(const PointTable& t) {
+    giPoint3coDynArr p;
+    p.reserve(t.rows());
+    for (int i = 0; i < t.rows(); ++i) p.append(giPoint3(t.at(i, 0), t.at(i, 1), t.at(i, 2)));
+    return p;
+}
+
+// Signed residual of a probe centre at distance `dist` from a circle or
+// sphere centre: the contact point's radial deviation from the radius,
+// positive away from the centre. The ball touched from outside (contact
+// rho closer to the centre) or from inside (rho farther).
+double probed_radial(double dist, double radius, double rho, bool inside) {
+    return dist + (inside ? rho : -rho) - radius;
+}
+
+std::vector<double> point_xy(const giPoint2& p) { return {p.x(), p.y()}; }
+std::vector<double> point_xyz(const giPoint3& p) { return {p.x(), p.y(), p.z()}; }
+std::vector<double> vec_xy(const giVector2& v) { return {v.x(), v.y()}; }
+std::vector<double> vec_xyz(const giVector3& v) { return {v.x(), v.y(), v.z()}; }
+
+// Contact directions from the extra columns, refusing one of zero length.
+bool read_directions2(const PointTable& t, giUnitVec2coDynArr& out, std::string& message) {
+    for (int i = 0; i < t.rows(); ++i) {
+        const giUnitVec2 d(t.at(i, 2), t.at(i, 3));
+        if (!d.is_set()) {
+            message = "line " + std::to_string(t.lines[i]) + ": contact direction has no length";
+            return false;
+        }
+        out.append(d);
+    }
+    return true;
+}
+
+bool read_directions3(const PointTable& t, giUnitVec3coDynArr& out, std::string& message) {
+    for (int i = 0; i < t.rows(); ++i) {
+        const giUnitVec3 d(t.at(i, 3), t.at(i, 4), t.at(i, 5));
+        if (!d.is_set()) {
+            message = "line " + std::to_string(t.lines[i]) + ": contact direction has no length";
+            return false;
+        }
+        out.append(d);
+    }
+    return true;
+}
+
+// Residuals of probe centres from a plane or line with unit normal n
+// through p, the touched surface: the centres lie on the probe's side at
+// rho. The fits orient n along the summed contact directions, so the probe
+// side is +n; when the directions cancel, the fit kept the better of both
+// sides, and so does this.
+template <class Vec, class Pt, class Arr>
+std::vector<double> probed_flat_residuals(const Arr& pts, const Pt& p, const Vec& n, double rho,
+                                          bool directions_cancel) {
+    std::vector<double> plus, minus;
+    for (int i = 0; i < pts.size(); ++i) {
+        const double h = dot(n, pts[i] - p);
+        plus.push_back(h - rho);
+        minus.push_back(-h - rho);
+    }
+    if (directions_cancel && rms_of(minus) < rms_of(plus)) return minus;
+    return plus;
+}
+
+// The probed plane and line fits report some point of the feature; the
+// foot of the points' centroid on it is the one a reader expects (the
+// unprobed fits report the centroid, which lies on their feature).
+giPoint2 foot_of_centroid(const giPoint2coDynArr& pts, const giPoint2& on_line,
+                          const giVector2& n) {
+    double sx = 0.0, sy = 0.0;
+    for (const giPoint2& q : pts) {
+        sx += q.x() - on_line.x();
+        sy += q.y() - on_line.y();
+    }
+    const giVector2 shift(sx / pts.size(), sy / pts.size());
+    return on_line + (shift - dot(n, shift) * n);
+}
+
+giPoint3 foot_of_centroid(const giPoint3coDynArr& pts, const giPoint3& on_plane,
+                          const giVector3& n) {
+    double sx = 0.0, sy = 0.0, sz = 0.0;
+    for (const giPoint3& q : pts) {
+        sx += q.x() - on_plane.x();
+        sy += q.y() - on_plane.y();
+        sz += q.z() - on_plane.z();
+    }
+    const giVector3 shift(sx / pts.size(), sy / pts.size(), sz / pts.size());
+    return on_plane + (shift - dot(n, shift) * n);
+}
+
+int fit_line2(const Options& o, const PointTable& t, const giUnitVec2coDynArr& dirs, FitReport& r) {
+    const giPoint2coDynArr pts = points2(t);
+    giPoint2 p;
+    giUnitVec2 d;
+    double error = 0.0;
+    std::vector<double> res;
+    if (o.probed) {
+        doublecoDynArr radii;
+        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        giUnitVec2 n;
+        if (!tsLeastSquareEvaluator::evaluate_probed_line2(pts, radii, dirs, p, n, error))
+            return kExitRefused;
+        d = giUnitVec2(n.y(), -n.x());
+        p = foot_of_centroid(pts, p, n);
+        giVector2 sum(0, 0);
+        for (const giUnitVec2& u : dirs) sum += u;
+        res = probed_flat_residuals(pts, p, n, o.probe_radius, sum.length() == 0.0);
+        r.parameters = {{"point", point_xy(p)}, {"direction", vec_xy(d)}, {"normal", vec_xy(n)}};
+    } else {
+        if (!tsLeastSquareEvaluator::evaluate_line(pts, p, d, error)) return kExitRefused;
+        const giVector2 n(-d.y(), d.x());
+        for (const giPoint2& q : pts) res.push_back(dot(n, q - p));
+        r.parameters = {{"point", point_xy(p)}, {"direction", vec_xy(d)}};
+    }
+    r.rms = error;
+    r.form_deviation = spread(res);
+    r.distribution_quality = tsLeastSquareDistributionQuality::distribution_quality_line(pts, p, d);
+    return kExitOk;
+}
+
+int fit_line3(const PointTable& t, FitReport& r) {
+    const giPoint3coDynArr pts = points3(t);
+    giPoint3 p;
+    giUnitVec3 d;
+    double error = 0.0;
+    if (!tsLeastSquareEvaluator::evaluate_line3(pts, p, d, error)) return kExitRefused;
+    // Distances from a line in space have no sign: the form is the
+    // diameter of the cylinder around the line that holds every point.
+    double largest = 0.0;
+    for (const giPoint3& q : pts) largest = std::max(largest, cross(d, q - p).length());
+    r.parameters = {{"point", point_xyz(p)}, {"direction", vec_xyz(d)}};
+    r.rms = error;
+    r.form_deviation = 2.0 * largest;
+    r.distribution_quality =
+        tsLeastSquareDistributionQuality::distribution_quality_line3(pts, p, d);
+    return kExitOk;
+}
+
+int fit_plane(const Options& o, const PointTable& t, const giUnitVec3coDynArr& dirs, FitReport& r) {
+    const giPoint3coDynArr pts = points3(t);
+    giPoint3 p;
+    giUnitVec3 n;
+    double error = 0.0;
+    std::vector<double> res;
+    if (o.probed) {
+        doublecoDynArr radii;
+        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        if (!tsLeastSquareEvaluator::evaluate_probed_plane(pts, radii, dirs, p, n, error))
+            return kExitRefused;
+        p = foot_of_centroid(pts, p, n);
+        giVector3 sum(0, 0, 0);
+        for (const giUnitVec3& u : dirs) sum += u;
+        res = probed_flat_residuals(pts, p, n, o.probe_radius, sum.length() == 0.0);
+    } else {
+        if (!tsLeastSquareEvaluator::evaluate_plane(pts, p, n, error)) return kExitRefused;
+        for (const giPoint3& q : pts) res.push_back(dot(n, q - p));
+    }
+    r.parameters = {{"point", point_xyz(p)}, {"normal", vec_xyz(n)}};
+    r.rms = error;
+    r.form_deviation = spread(res);
+    r.distribution_quality =
+        tsLeastSquareDistributionQuality::distribution_quality_plane(pts, p, n);
+    return kExitOk;
+}
+
+int fit_circle2(const Options& o, const PointTable& t, FitReport& r) {
+    const giPoint2coDynArr pts = points2(t);
+    giPoint2 c;
+    double radius = 0.0, error = 0.0;
+    if (o.probed) {
+        doublecoDynArr radii;
+        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        if (!tsLeastSquareEvaluator::evaluate_probed_circle(pts, radii, o.inside ? 1 : 0, c, radius,
+                                                            error))
+            return kExitRefused;
+    } else if (!tsLeastSquareEvaluator::evaluate_circle(pts, c, radius, error)) {
+        return kExitRefused;
+    }
+    std::vector<double> res;
+    for (const giPoint2& q : pts) {
+        const double dist = (q - c).length();
+        res.push_back(o.probed ? probed_radial(dist, radius, o.probe_radius, o.inside)
+                               : dist - radius);
+    }
+    r.parameters = {{"centre", point_xy(c)}, {"radius", {radius}}};
+    r.rms = error;
+    r.form_deviation = spread(res);
+    // The probe offset moves distances, not their gradients: the plain
+    // circle measure on the probe centres keeps probed and unprobed
+    // figures on one scale.
+    r.distribution_quality =
+        tsLeastSquareDistributionQuality::distribution_quality_circle(pts, c, radius);
+    return kExitOk;
+}
+
+int fit_circle3(const PointTable& t, FitReport& r) {
+    const giPoint3coDynArr pts = points3(t);
+    giPoint3 c;
+    giUnitVec3 n;
+    double radius = 0.0, error = 0.0;
+    if (!tsLeastSquareEvaluator::evaluate_circle3(pts, c, n, radius, error)) return kExitRefused;
+    // Distance to the circle in space, signed by the radial side.
+    std::vector<double> res;
+    for (const giPoint3& q : pts) {
+        const giVector3 v = q - c;
+        const double across = cross(n, v).length() - radius, along = dot(n, v);
+        const double d = std::hypot(across, along);
+        res.push_back(across < 0.0 ? -d : d);
+    }
+    r.parameters = {{"centre", point_xyz(c)}, {"normal", vec_xyz(n)}, {"radius", {radius}}};
+    r.rms = error;
+    r.form_deviation = spread(res);
+    r.distribution_quality =
+        tsLeastSquareDistributionQuality::distribution_quality_circle3(pts, c, n, radius);
+    return kExitOk;
+}
+
+int fit_sphere(const Options& o, const PointTable& t, FitReport& r) {
+    const giPoint3coDynArr pts = points3(t);
+    giPoint3 c;
+    double radius = 0.0, error = 0.0;
+    if (o.probed) {
+        doublecoDynArr radii;
+        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        if (!tsLeastSquareEvaluator::evaluate_probed_sphere(pts, radii, o.inside ? 1 : 0, c, radius,
+                                                            error))
+            return kExitRefused;
+    } else if (!tsLeastSquareEvaluator::evaluate_sphere(pts, c, radius, error)) {
+        return kExitRefused;
+    }
+    std::vector<double> res;
+    for (const giPoint3& q : pts) {
+        const double dist = (q - c).length();
+        res.push_back(o.probed ? probed_radial(dist, radius, o.probe_radius, o.inside)
+                               : dist - radius);
+    }
+    r.parameters = {{"centre", point_xyz(c)}, {"radius", {radius}}};
+    r.rms = error;
+    r.form_deviation = spread(res);
+    // As for the circle: the sphere measure on the probe centres.
+    r.distribution_quality =
+        tsLeastSquareDistributionQuality::distribution_quality_sphere(pts, c, radius);
+    return kExitOk;
+}
+
+std::string json_number(double v) {
+    if (!std::isfinite(v)) return "null";
+    return number(v, "%.17g");
+}
+
+}  // namespace
+
+int expected_columns(const Options& o) {
+    return info(o.feature).dimension * (with_directions(o) ? 2 : 1);
+}
+
+std::string column_names(const Options& o) {
+    const bool two = info(o.feature).dimension == 2;
+    std::string names = two ? "x y" : "x y z";
+    if (with_directions(o)) names += two ? " nx ny" : " nx ny nz";
+    return names;
+}
+
+std::string usage_text() {
+    return R"(Usage: metrofit fit <feature> <file> [--probe-radius R [--inside]] [--json]
+       metrofit --help | --version
+
+Fits a least-squares feature to the points in <file> ("-" reads standard
+input) and reports its parameters, the RMS error, the form deviation and the
+distribution quality of the points.
+
+Features, and the numbers each data line holds:
+  line2     straight line in the plane   x y
+  line3     straight line in space       x y z
+  plane     plane                        x y z
+  circle2   circle in the plane          x y
+  circle3   circle in space              x y z
+  sphere    sphere                       x y z
+
+Options:
+  --probe-radius R   the points are centres of a probe ball of radius R that
+                     touched the feature (sphere, circle2, plane, line2); the
+                     feature reported is the touched surface.
+  --inside           with --probe-radius, for sphere and circle2: the ball
+                     touched from inside (a bore, a hollow sphere); without
+                     it, from outside (a shaft, a ball).
+  --json             print one JSON object instead of the text report.
+  -h, --help         print this help and exit.
+  --version          print the version and exit.
+
+Probed planes and lines take the side each point was touched from as a
+contact direction after its coordinates:
+  plane:  x y z nx ny nz        line2:  x y nx ny
+the surface normal at the contact, pointing from the surface towards the
+probe centre (any length but zero). --inside does not apply to them.
+
+Input: one point per line, numbers separated by commas, spaces or tabs;
+'#' starts a comment; blank lines are skipped. A line with another count of
+numbers, a word, or a value that is not finite stops the run with its line
+number. Nothing is guessed.
+
+Reported figures:
+  point     for lines and planes: the foot of the points' centroid on the
+            feature (for probed fits, of the probe centres' centroid).
+  rms       root mean square of the orthogonal distances of the points.
+  form      largest minus smallest signed residual: positive outside a circle
+            or sphere, on the normal's side of a plane or line2, and towards
+            the probe for probed fits. circle3 signs its distances in space
+            by the radial side. A line in space has unsigned distances: its
+            form is twice the largest (the diameter of the enclosing zone).
+  quality   how well the points pin the feature down, about 1 at best: a
+            whole circle or sphere, a flat square patch, a long thin row of
+            points along a line. A short arc, a small cap, a narrow strip or
+            a wide band along a line scores less. Below 0.001 the tool adds
+            a warning on standard error (the exit status stays 0).
+
+Exit status: 0 fitted; 1 the fit refused the points (too few, or a set that
+fixes no such feature); 2 a usage error or a bad input file.
+)";
+}
+
+int parse_options(const std::vector<std::string>& args, Options& o, std::string& error) {
+    o = Options();
+    std::vector<std::string> positional;
+    bool radius_given = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "-h" || a == "--help") {
+            o.help = true;
+        } else if (a == "--version") {
+            o.version = true;
+        } else if (a == "--json") {
+            o.json = true;
+        } else if (a == "--inside") {
+            o.inside = true;
+        } else if (a == "--probe-radius" || a.rfind("--probe-radius=", 0) == 0) {
+            std::string value;
+            if (a.size() > 14) {
+                value = a.substr(15);
+            } else if (i + 1 < args.size()) {
+                value = args[++i];
+            } else {
+                error = "--probe-radius needs a value";
+                return kExitUsage;
+            }
+            if (radius_given) {
+                error = "--probe-radius given twice";
+                return kExitUsage;
+            }
+            std::vector<double> row;
+            std::string why;
+            if (parse_point_line(value, row, why) != 1 || row.size() != 1 || row[0] < 0.0) {
+                error = "--probe-radius needs one finite number of at least 0, not '" + value + "'";
+                return kExitUsage;
+            }
+            o.probed = radius_given = true;
+            o.probe_radius = row[0];
+        } else if (a.size() > 1 && a[0] == '-') {
+            error = "unknown option '" + a + "'";
+            return kExitUsage;
+        } else {
+            positional.push_back(a);
+        }
+    }
+    if (o.help || o.version) return kExitOk;
+    if (positional.empty()) {
+        error = "no command given";
+        return kExitUsage;
+    }
+    if (positional[0] != "fit") {
+        error = "unknown command '" + positional[0] + "' (the command is 'fit')";
+        return kExitUsage;
+    }
+    if (positional.size() < 3) {
+        error = positional.size() == 1 ? "fit needs a feature and a file"
+                                       : "fit needs a file after the feature";
+        return kExitUsage;
+    }
+    if (positional.size() > 3) {
+        error = "unexpected argument '" + positional[3] + "'";
+        return kExitUsage;
+    }
+    const FeatureInfo* found = nullptr;
+    for (const FeatureInfo& f : kFeatures)
+        if (positional[1] == f.name) found = &f;
+    if (!found) {
+        error = "unknown feature '" + positional[1] +
+                "' (line2, line3, plane, circle2, circle3 or sphere)";
+        return kExitUsage;
+    }
+    o.feature = found->feature;
+    o.file = positional[2];
+    if (o.probed && !found->probed_form) {
+        error = std::string(found->name) + " has no probed fit: --probe-radius applies to " +
+                "sphere, circle2, plane and line2";
+        return kExitUsage;
+    }
+    if (o.inside && !o.probed) {
+        error = "--inside needs --probe-radius";
+        return kExitUsage;
+    }
+    if (o.inside && found->directions) {
+        error = std::string("--inside does not apply to ") + found->name +
+                ": its contact directions give the side";
+        return kExitUsage;
+    }
+    return kExitOk;
+}
+
+int fit_table(const Options& o, const PointTable& t, FitReport& r, std::string& message) {
+    const FeatureInfo& f = info(o.feature);
+    r = FitReport();
+    r.feature = f.name;
+    r.points = t.rows();
+    r.probed = o.probed;
+    r.probe_radius = o.probe_radius;
+    r.inside = o.inside;
+    // Contact directions of the probed plane and line. One of zero length
+    // says nothing about the side: refuse the file rather than guess.
+    giUnitVec2coDynArr d2;
+    giUnitVec3coDynArr d3;
+    if (with_directions(o)) {
+        const bool ok =
+            f.dimension == 2 ? read_directions2(t, d2, message) : read_directions3(t, d3, message);
+        if (!ok) return kExitUsage;
+    }
+    int status = kExitRefused;
+    switch (o.feature) {
+        case Feature::line2:
+            status = fit_line2(o, t, d2, r);
+            break;
+        case Feature::line3:
+            status = fit_line3(t, r);
+            break;
+        case Feature::plane:
+            status = fit_plane(o, t, d3, r);
+            break;
+        case Feature::circle2:
+            status = fit_circle2(o, t, r);
+            break;
+        case Feature::circle3:
+            status = fit_circle3(t, r);
+            break;
+        case Feature::sphere:
+            status = fit_sphere(o, t, r);
+            break;
+    }
+    if (status == kExitRefused) {
+        const std::string what = std::string(o.probed ? "probed " : "") + f.name + " fit";
+        if (t.rows() < f.minimum_points) {
+            message = "the " + what + " needs at least " + std::to_string(f.minimum_points) +
+                      " points; the file has " + std::to_string(t.rows());
+        } else {
+            message = "the " + what + " refused the " + std::to_string(t.rows()) +
+                      " points: they do not fix a " + f.description +
+                      " (for example all equal, or all on one line)";
+        }
+    }
+    return status;
+}
+
+std::string format_human(const FitReport& r) {
+    std::string s = "feature   " + r.feature;
+    if (r.probed) {
+        s += " (probe radius " + number(r.probe_radius, "%.10g");
+        if (r.feature == "sphere" || r.feature == "circle2")
+            s += r.inside ? ", touched from inside" : ", touched from outside";
+        s += ")";
+    }
+    s += "\npoints    " + std::to_string(r.points) + "\n";
+    for (const auto& [name, values] : r.parameters) {
+        std::string line = name;
+        line.resize(10, ' ');
+        for (std::size_t k = 0; k < values.size(); ++k)
+            line += (k ? " " : "") + number(values[k], "%.10g");
+        s += line + "\n";
+    }
+    s += "rms       " + number(r.rms, "%.6g") + "\n";
+    s += "form      " + number(r.form_deviation, "%.6g") + "\n";
+    s += "quality   " + number(r.distribution_quality, "%.4f") + "\n";
+    return s;
+}
+
+std::string format_json(const FitReport& r) {
+    std::string s = "{\"feature\": \"" + r.feature + "\", \"points\": " + std::to_string(r.points) +
+                    ", \"probed\": " + (r.probed ? "true" : "false");
+    if (r.probed) {
+        s += ", \"probe_radius\": " + json_number(r.probe_radius);
+        if (r.feature == "sphere" || r.feature == "circle2")
+            s += std::string(", \"inside\": ") + (r.inside ? "true" : "false");
+    }
+    for (const auto& [name, values] : r.parameters) {
+        s += ", \"" + name + "\": ";
+        if (values.size() == 1) {
+            s += json_number(values[0]);
+            continue;
+        }
+        s += "[";
+        for (std::size_t k = 0; k < values.size(); ++k)
+            s += (k ? ", " : "") + json_number(values[k]);
+        s += "]";
+    }
+    s += ", \"rms\": " + json_number(r.rms);
+    s += ", \"form_deviation\": " + json_number(r.form_deviation);
+    s += ", \"distribution_quality\": " + json_number(r.distribution_quality) + "}\n";
+    return s;
+}
+
+int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
+                 std::ostream& err) {
+    Options o;
+    std::string error;
+    if (parse_options(args, o, error) != kExitOk) {
+        err << "metrofit: " << error << "\nTry 'metrofit --help'.\n";
+        return kExitUsage;
+    }
+    if (o.help) {
+        out << usage_text();
+        return kExitOk;
+    }
+    if (o.version) {
+        out << "metrofit " << METROFIT_VERSION << "\n";
+        return kExitOk;
+    }
+
+    PointTable table;
+    bool read = false;
+    if (o.file == "-") {
+        read = read_point_table(in, expected_columns(o), column_names(o), table, error);
+    } else {
+        std::ifstream file(o.file);
+        if (!file) {
+            err << "metrofit: cannot open '" << o.file << "'\n";
+            return kExitUsage;
+        }
+        read = read_point_table(file, expected_columns(o), column_names(o), table, error);
+    }
+    if (!read) {
+        err << "metrofit: " << o.file << ": " << error << "\n";
+        return kExitUsage;
+    }
+
+    FitReport report;
+    const int status = fit_table(o, table, report, error);
+    if (status != kExitOk) {
+        err << "metrofit: " << o.file << ": " << error << "\n";
+        return status;
+    }
+    out << (o.json ? format_json(report) : format_human(report));
+    if (!(report.distribution_quality >= kPoorQuality))
+        err << "metrofit: warning: distribution quality "
+            << number(report.distribution_quality, "%.2g") << ": the points hardly fix the "
+            << report.feature << "; its parameters are unreliable\n";
+    return kExitOk;
+}
+
+}  // namespace metrofit_tool

@@ -1,0 +1,12 @@
+// metrofit: least-squares fits of point files from the command line.
+// `metrofit --help` describes the commands and the file format.
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "tools/metrofit/fit_command.h"
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    return metrofit_tool::run_metrofit(args, std::cin, std::cout, std::cerr);
+}

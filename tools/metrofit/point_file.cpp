@@ -1,0 +1,105 @@
+#include "tools/metrofit/point_file.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+
+namespace metrofit_tool {
+
+namespace {
+
+bool is_blank(char c) { return c == ' ' || c == '\t'; }
+
+// The field as the user wrote it, shortened for messages, with control
+// bytes shown as '?' so that a binary file cannot garble the terminal.
+std::string quoted(const std::string& field) {
+    std::string shown = field.size() > 40 ? field.substr(0, 40) + "..." : field;
+    for (char& c : shown)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    return "'" + shown + "'";
+}
+
+// One field as a finite double, or a message why not.
+bool parse_number(const std::string& field, double& value, std::string& error) {
+    errno = 0;
+    char* end = nullptr;
+    const double v = std::strtod(field.c_str(), &end);
+    if (end != field.c_str() + field.size() || end == field.c_str()) {
+        error = "not a number: " + quoted(field);
+        return false;
+    }
+    if (std::isnan(v) || std::isinf(v)) {
+        error =
+            (errno == ERANGE ? "number out of range: " : "value is not finite: ") + quoted(field);
+        return false;
+    }
+    value = v;
+    return true;
+}
+
+}  // namespace
+
+int parse_point_line(const std::string& line, std::vector<double>& row, std::string& error) {
+    row.clear();
+    std::size_t end = line.find('#');
+    if (end == std::string::npos) end = line.size();
+    if (end > 0 && line[end - 1] == '\r') --end;
+
+    std::size_t i = 0;
+    while (i < end && is_blank(line[i])) ++i;
+    if (i == end) return 0;
+    // Fields separated by a comma (with optional blanks around it) or by
+    // blanks alone.
+    for (;;) {
+        const std::size_t start = i;
+        while (i < end && !is_blank(line[i]) && line[i] != ',') ++i;
+        if (i == start) {
+            error = row.empty() ? "line starts with a comma" : "empty value between two commas";
+            return -1;
+        }
+        double value = 0.0;
+        if (!parse_number(line.substr(start, i - start), value, error)) return -1;
+        row.push_back(value);
+        while (i < end && is_blank(line[i])) ++i;
+        if (i == end) return 1;
+        if (line[i] == ',') {
+            ++i;
+            while (i < end && is_blank(line[i])) ++i;
+            if (i == end) {
+                error = "line ends with a comma";
+                return -1;
+            }
+        }
+    }
+}
+
+bool read_point_table(std::istream& in, int columns, const std::string& column_names,
+                      PointTable& table, std::string& error) {
+    table = PointTable();
+    table.columns = columns;
+    std::string line, message;
+    std::vector<double> row;
+    for (int number = 1; std::getline(in, line); ++number) {
+        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
+        const int status = parse_point_line(line, row, message);
+        if (status < 0) {
+            error = "line " + std::to_string(number) + ": " + message;
+            return false;
+        }
+        if (status == 0) continue;
+        if (static_cast<int>(row.size()) != columns) {
+            error = "line " + std::to_string(number) + ": expected " + std::to_string(columns) +
+                    " numbers (" + column_names + "), found " + std::to_string(row.size());
+            return false;
+        }
+        table.values.insert(table.values.end(), row.begin(), row.end());
+        table.lines.push_back(number);
+    }
+    if (in.bad()) {
+        error = "cannot read the file";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace metrofit_tool
