@@ -82,8 +82,14 @@ struct Dense {
                                       MaxP == Eigen::Dynamic ? Eigen::Dynamic : kBlock, 1>;
 };
 
+// Gradient vectors handed to the model in turn: each is read back only after
+// the model has written the next ones, so reading does not wait on the
+// model's just-stored values. Small point sets use fewer of them, since each
+// is an allocation per fit.
+constexpr int kGradients = 64;
+
 // Scratch of one pass, shared by the normal systems of one fit (one pass runs
-// at a time): the model's gradient vector, and a block of points' distances
+// at a time): the model's gradient vectors, and a block of points' distances
 // and scaled gradients gathered parameter by parameter.
 template <int MaxP>
 struct BlockScratch {
@@ -91,11 +97,13 @@ struct BlockScratch {
         const int rows = std::max(1, std::min(kBlock, n_points));
         block.setZero(rows, p);
         distances.setZero(rows);
-        gradient.become(mlVectorZero, p);
+        ring = std::max(1, std::min(kGradients, n_points / 16));
+        for (int q = 0; q < ring; ++q) gradient[q].become(mlVectorZero, p);
     }
     typename Dense<MaxP>::Block block;  // rows x p: column j is parameter j over the block
     typename Dense<MaxP>::BlockVector distances;
-    mlVector gradient;
+    mlVector gradient[kGradients];
+    int ring = 1;  // gradient vectors in use
 };
 
 // One pass over the points at the model's current parameters: the sum of
@@ -141,24 +149,29 @@ class NormalSystem {
         g_.setZero();
         auto& block = scratch_.block;
         auto& distances = scratch_.distances;
-        mlVector& gradient = scratch_.gradient;
+        mlVector* gradient = scratch_.gradient;
+        const int ring = scratch_.ring;
         const int rows = static_cast<int>(block.rows());
         long double sum = 0.0L;
         const int n = model.n_points();
         for (int first = 0; first < n; first += rows) {
             const int m = std::min(rows, n - first);
-            // Entries are cleared as they are taken, so one a model leaves
-            // unwritten counts as 0.
-            double* grad = gradient.data();
-            for (int b = 0; b < m; ++b) {
-                double d = 0.0;
-                model.get_distance_and_gradient(d, gradient, first + b);
-                grad = gradient.data();  // a model may have grown the vector
-                distances[b] = d;
-                sum += static_cast<long double>(d) * d;
-                for (int j = 0; j < p_; ++j) {
-                    block(b, j) = grad[j] * inv_scale_[j];
-                    grad[j] = 0.0;
+            for (int b0 = 0; b0 < m; b0 += ring) {
+                const int count = std::min(ring, m - b0);
+                for (int q = 0; q < count; ++q) {
+                    double d = 0.0;
+                    model.get_distance_and_gradient(d, gradient[q], first + b0 + q);
+                    distances[b0 + q] = d;
+                    sum += static_cast<long double>(d) * d;
+                }
+                // Entries are cleared as they are taken, so one a model
+                // leaves unwritten counts as 0.
+                for (int q = 0; q < count; ++q) {
+                    double* grad = gradient[q].data();
+                    for (int j = 0; j < p_; ++j) {
+                        block(b0 + q, j) = grad[j] * inv_scale_[j];
+                        grad[j] = 0.0;
+                    }
                 }
             }
             for (int j = 0; j < p_; ++j) {
