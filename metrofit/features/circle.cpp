@@ -49,14 +49,9 @@ bool run_solver(mlDistanceLeastSquares& model, const mlVector& start, mlVector& 
 int circle_in_plane(const giPoint3& plane_point, const giUnitVec3& plane_normal,
                     const giPoint3coDynArr& points, giPoint3& centre, double& radius) {
     if (points.size() < 3 || !ts_all_finite(points)) return 0;
-    if (!plane_point.is_set() || !ts_finite(plane_point) || !plane_normal.is_set() ||
-        !ts_finite(plane_normal))
-        return 0;
     giPoint2coDynArr flat;
-    giXform3 to_plane;
-    tsUtils::ProjectPointsToPlane(points, plane_point, plane_normal, flat, &to_plane);
     giXform3 to_world;
-    if (!to_plane.is_set() || !to_plane.inverse(to_world)) return 0;
+    if (!tsUtils::project_into_plane(points, plane_point, plane_normal, flat, to_world)) return 0;
     giPoint2 c2;
     double r = 0.0, error = 0.0;
     if (!tsLeastSquareEvaluator::evaluate_circle(flat, c2, r, error)) return 0;

@@ -71,14 +71,10 @@ int tsLeastSquareEvaluator::evaluate_line2(const giPoint3& plane_point,
                                            const giPoint3coDynArr& points, giPoint3& point,
                                            giUnitVec3& direction, double& error) {
     const int n = points.size();
-    if (n < 2 || !ts_finite(plane_point) || !plane_normal.is_set() || !ts_finite(plane_normal) ||
-        !ts_all_finite(points))
-        return 0;
+    if (n < 2 || !ts_all_finite(points)) return 0;
     giPoint2coDynArr flat;
-    giXform3 to_plane;
-    tsUtils::ProjectPointsToPlane(points, plane_point, plane_normal, flat, &to_plane);
     giXform3 to_world;
-    if (!to_plane.is_set() || !to_plane.inverse(to_world)) return 0;
+    if (!tsUtils::project_into_plane(points, plane_point, plane_normal, flat, to_world)) return 0;
     giPoint2 p2;
     giUnitVec2 u2;
     double flat_error = 0.0;

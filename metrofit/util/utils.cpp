@@ -1,6 +1,7 @@
 #include "metrofit/util/utils.h"
 
 #include <cmath>
+#include <utility>
 
 void tsUtils::ProjectPointsToPlane(const giPoint3coDynArr& points, const giPoint3& plane_point,
                                    const giVector3& plane_normal, giPoint2coDynArr& out,
@@ -17,6 +18,25 @@ void tsUtils::ProjectPointsToPlane(const giPoint3coDynArr& points, const giPoint
         out[i] = giPoint2(q.x(), q.y());
     }
     if (frame) *frame = to_plane;
+}
+
+int tsUtils::project_into_plane(const giPoint3coDynArr& points, const giPoint3& plane_point,
+                                const giVector3& plane_normal, giPoint2coDynArr& out,
+                                giXform3& to_world) {
+    const auto finite = [](double x, double y, double z) {
+        return std::isfinite(x) && std::isfinite(y) && std::isfinite(z);
+    };
+    if (!plane_point.is_set() || !plane_normal.is_set() ||
+        !finite(plane_point.x(), plane_point.y(), plane_point.z()) ||
+        !finite(plane_normal.x(), plane_normal.y(), plane_normal.z()))
+        return 0;
+    giXform3 to_plane, back;
+    giPoint2coDynArr flat;
+    ProjectPointsToPlane(points, plane_point, plane_normal, flat, &to_plane);
+    if (!to_plane.is_set() || !to_plane.inverse(back)) return 0;
+    out = std::move(flat);
+    to_world = back;
+    return 1;
 }
 
 void tsUtils::get_orthogonal(const giVector3& v, giVector3& out) {
