@@ -6,6 +6,7 @@
 
 #include "metrofit/platform/geometry/arrays.h"
 #include "metrofit/platform/geometry/box.h"
+#include "metrofit/platform/geometry/circle.h"
 #include "metrofit/platform/geometry/inf_line.h"
 #include "metrofit/platform/geometry/plane.h"
 #include "tests/support/random.h"
@@ -102,6 +103,36 @@ TEST(GeometryPlane, SignedDistanceIsPositiveOnTheNormalsSide) {
     const giPlane tilted(giVector3(1, -2, 2), giPoint3(3, 0, 1));
     EXPECT_NEAR(tilted.distance(giPoint3(4, -2, 3)), 3.0, 1e-15);
     EXPECT_NEAR(tilted.distance(tilted.project(giPoint3(-5, 7, 2))), 0.0, 1e-14);
+}
+
+TEST(GeometryCircle, ThroughThreePointsOrNone) {
+    testsupport::Rng rng(17);
+    for (int k = 0; k < 20; ++k) {
+        // Three points of a known circle in a random plane, far from the origin.
+        const giPoint3 c(rng.uniform(-1e4, 1e4), rng.uniform(-1e4, 1e4), rng.uniform(-1e4, 1e4));
+        const giUnitVec3 n(rng.normal(), rng.normal(), rng.normal());
+        const giUnitVec3 e1 = n.any_normal();
+        const giUnitVec3 e2(cross(n, e1));
+        const double r = rng.uniform(0.01, 100.0);
+        giPoint3 p[3];
+        for (int i = 0; i < 3; ++i) {
+            const double t = rng.uniform(0.0, 6.2);
+            p[i] = c + (r * std::cos(t)) * e1 + (r * std::sin(t)) * e2;
+        }
+        giCircle3 circle;
+        ASSERT_EQ(circle.become_through_points(p[0], p[1], p[2]), 1);
+        EXPECT_LT(distance(circle.centre(), c), 1e-9 * (r + 1e4) / r);
+        EXPECT_NEAR(circle.radius(), r, 1e-9 * (r + 1e4) / r);
+        EXPECT_NEAR(std::fabs(dot(circle.normal(), n)), 1.0, 1e-9);
+    }
+    // Collinear, coincident and unset points fail and leave the circle unset.
+    giCircle3 circle;
+    EXPECT_EQ(circle.become_through_points(giPoint3(0, 0, 0), giPoint3(1, 1, 1), giPoint3(3, 3, 3)),
+              0);
+    EXPECT_EQ(circle.become_through_points(giPoint3(1, 2, 3), giPoint3(1, 2, 3), giPoint3(0, 0, 1)),
+              0);
+    EXPECT_EQ(circle.become_through_points(giPoint3(), giPoint3(1, 0, 0), giPoint3(0, 1, 0)), 0);
+    EXPECT_FALSE(circle.is_set());
 }
 
 TEST(GeometryBox, StartsEmptyAndGrowsByMerging) {
