@@ -2,9 +2,14 @@
 #pragma once
 
 #include "metrofit/features/circle.h"
+#include "metrofit/features/cylinder.h"
 #include "metrofit/features/direct_circle.h"
+#include "metrofit/features/fitted_records.h"
 #include "metrofit/features/line.h"
 #include "metrofit/features/plane.h"
+#include "metrofit/features/probed_cylinder.h"
+#include "metrofit/features/projected_circles.h"
+#include "metrofit/features/random_directions.h"
 #include "metrofit/features/sphere.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/input_checks.h"
@@ -17,6 +22,7 @@
 #include "metrofit/platform/geometry/angle.h"
 #include "metrofit/platform/geometry/arrays.h"
 #include "metrofit/platform/geometry/box.h"
+#include "metrofit/platform/geometry/circle.h"
 #include "metrofit/platform/geometry/inf_line.h"
 #include "metrofit/platform/geometry/length.h"
 #include "metrofit/platform/geometry/plane.h"

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "metrofit/features/circle.h"
+#include "metrofit/features/probed_cylinder.h"
 #include "metrofit/features/sphere.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/frame/least_square_evaluator.h"
@@ -25,6 +26,33 @@ bool finite2(const giPoint2& p) { return std::isfinite(p.x()) && std::isfinite(p
 // circle): dividing by them puts such sets near 1.
 constexpr double kSphereDivisor = 0.578;
 constexpr double kCircleDivisor = 0.708;
+constexpr double kCylinderDivisor = 0.26;
+constexpr double kProbedCylinderDivisor = 0.177;
+
+bool finite_axis(const giPoint3& point, const giVector3& axis, double radius) {
+    return ts_finite(point) && axis.is_set() && ts_finite(axis) && axis.length() > 0.0 &&
+           std::isfinite(radius);
+}
+
+// The points and the axis point moved by minus the points' centroid, and the
+// cylinder's parameters there. The model's canonical axis point is the one
+// nearest the origin, and the measure weighs a turn of the axis about that
+// point: centring makes it the foot of the centroid, so the measure does not
+// depend on where the origin lies.
+mlVector centred_cylinder(const giPoint3coDynArr& points, const giPoint3& axis_point,
+                          const giVector3& axis, double radius, giPoint3coDynArr& centred) {
+    double sx = 0.0, sy = 0.0, sz = 0.0;
+    for (const giPoint3& p : points) {
+        sx += p.x();
+        sy += p.y();
+        sz += p.z();
+    }
+    const giVector3 shift(sx / points.size(), sy / points.size(), sz / points.size());
+    centred.reserve(points.size());
+    for (const giPoint3& p : points) centred.append(p - shift);
+    const giPoint3 c = axis_point - shift;
+    return {c.x(), c.y(), c.z(), axis.x(), axis.y(), axis.z(), radius};
+}
 
 // Extent of the positions along a line (L) and largest distance from it
 // (W, at least kMinWidth); no points give L = 0.
@@ -81,6 +109,29 @@ double tsLeastSquareDistributionQuality::distribution_quality_circle3(
     double radius) {
     if (points.size() < 3) return 0.0;
     return distribution_quality_circle2(centre, normal, points, centre, radius);
+}
+
+double tsLeastSquareDistributionQuality::distribution_quality_cylinder(
+    const giPoint3coDynArr& points, const giPoint3& axis_point, const giVector3& axis,
+    double radius) {
+    if (points.size() < 3 || !ts_all_finite(points) || !finite_axis(axis_point, axis, radius))
+        return 0.0;
+    giPoint3coDynArr centred;
+    const mlVector p = centred_cylinder(points, axis_point, axis, radius, centred);
+    tsLeastSquareCylinder model(centred);
+    return model.point_distribution_quality(p) / kCylinderDivisor;
+}
+
+double tsLeastSquareDistributionQuality::distribution_quality_probed_cylinder(
+    const giPoint3coDynArr& points, const doublecoDynArr& probe_radii, int inside,
+    const giPoint3& axis_point, const giVector3& axis, double radius) {
+    if (points.size() < 3 || probe_radii.size() != points.size() || !ts_all_finite(points) ||
+        !ts_all_finite(probe_radii) || !finite_axis(axis_point, axis, radius))
+        return 0.0;
+    giPoint3coDynArr centred;
+    const mlVector p = centred_cylinder(points, axis_point, axis, radius, centred);
+    tsLeastSquareProbedCylinder model(centred, probe_radii, inside);
+    return model.point_distribution_quality(p) / kProbedCylinderDivisor;
 }
 
 double tsLeastSquareDistributionQuality::distribution_quality_line(const giPoint2coDynArr& points,

@@ -96,4 +96,23 @@ inline giPoint3coDynArr line_points3(int n, double length, double sigma, std::ui
     return pts;
 }
 
+// n points on the cylinder of radius r around the z axis, heights uniform in
+// [0, length], angles uniform in the sector of `sector_degrees` centred on +x
+// (360: the whole surface), moved radially by normal noise sigma. When
+// normals is given it receives the outward unit normal of each point.
+inline giPoint3coDynArr cylinder_points(int n, double r, double length, double sector_degrees,
+                                        double sigma, std::uint64_t seed,
+                                        giUnitVec3coDynArr* normals = nullptr) {
+    Rng rng(seed);
+    giPoint3coDynArr pts;
+    const double half = 0.5 * sector_degrees * kPi / 180.0;
+    for (int i = 0; i < n; ++i) {
+        const double phi = rng.uniform(-half, half), z = rng.uniform(0.0, length);
+        const double rho = r + rng.normal(sigma);
+        pts.append(giPoint3(rho * std::cos(phi), rho * std::sin(phi), z));
+        if (normals) normals->append(giUnitVec3(std::cos(phi), std::sin(phi), 0.0));
+    }
+    return pts;
+}
+
 }  // namespace testsupport
