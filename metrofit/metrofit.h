@@ -11,6 +11,7 @@
 #include "metrofit/features/projected_circles.h"
 #include "metrofit/features/random_directions.h"
 #include "metrofit/features/sphere.h"
+#include "metrofit/features/update_mode.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/frame/least_square_distance.h"

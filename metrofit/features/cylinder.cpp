@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
-#include <vector>
 
 #include "metrofit/features/probed_cylinder.h"
 #include "metrofit/features/projected_circles.h"
 #include "metrofit/features/random_directions.h"
+#include "metrofit/features/update_mode.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/platform/geometry/circle.h"
 #include "metrofit/platform/geometry/xform.h"
@@ -27,14 +27,6 @@ constexpr double kStartNormalsDeg = 10.0;  // normals test of the deterministic 
 constexpr double kGuessConeDeg = 25.0;     // sweeps around the guess directions
 constexpr int kBatches = 20;
 constexpr int kCandidates = 100;
-
-// Update mode.
-constexpr double kNewPointFactor = 10.0;
-constexpr double kNewPointFloor = 0.001;
-constexpr double kGrowthFactor = 1.1;
-constexpr double kGrowthFloor = 1e-6;
-constexpr int kQuantileAbove = 20;  // more old points: their largest residual
-constexpr double kQuantile = 0.9;
 
 // Direction search of the initial solution.
 constexpr int kGridRings = 20;
@@ -148,45 +140,9 @@ class CylinderSearch {
           angle_(angle),
           normals_(normals) {}
 
-    // Update of a previous solution p with the last n_added points new; true
-    // with the refined cylinder in result and its value.
+    // Update of a previous solution p with the last n_added points new.
     bool update(const mlVector& p, int n_added, mlVector& result, double& value) {
-        const int n = points_.size();
-        model_.set_parameters(p);
-        const double range = model_.range();
-        std::vector<double> old;
-        double max_new = 0.0;
-        if (n_added > 0) {
-            old.reserve(n - n_added);
-            for (int i = 0; i < n; ++i) {
-                double d = 0.0;
-                model_.get_distance(d, i);
-                if (i < n - n_added)
-                    old.push_back(std::fabs(d));
-                else
-                    max_new = std::fmax(max_new, std::fabs(d));
-            }
-            std::sort(old.begin(), old.end());
-            const int last = static_cast<int>(old.size()) - 1;
-            const int k = n > kQuantileAbove ? last : static_cast<int>(last * kQuantile);
-            const double limit = std::fmax(kNewPointFactor * old[k], kNewPointFloor * range);
-            if (!(max_new < limit)) return false;
-        }
-        const double v = solver_.fit(p, result);
-        if (!(v < DBL_MAX)) return false;
-        if (n_added > 0) {
-            model_.set_parameters(result);
-            double max_all = 0.0;
-            for (int i = 0; i < n; ++i) {
-                double d = 0.0;
-                model_.get_distance(d, i);
-                max_all = std::fmax(max_all, std::fabs(d));
-            }
-            const double limit = std::fmax(kGrowthFactor * old.back(), kGrowthFloor * range);
-            if (!(max_all < limit)) return false;
-        }
-        value = v;
-        return true;
+        return tsRefineWithAddedPoints(model_, solver_, p, n_added, result, value) == 1;
     }
 
     // Full search; false when no start gave a fit.

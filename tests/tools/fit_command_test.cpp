@@ -42,6 +42,16 @@ std::string rows(const giPoint2coDynArr& pts) {
     return s.str();
 }
 
+// A vector as one command-line value "x,y,z".
+std::string arg(const giVector3& v) {
+    std::ostringstream s;
+    s.precision(17);
+    s << v.x() << "," << v.y() << "," << v.z();
+    return s.str();
+}
+
+giVector3 vec(const std::vector<double>& v) { return giVector3(v.at(0), v.at(1), v.at(2)); }
+
 // The numbers after "key": in the tool's JSON (one number or an array).
 std::vector<double> json_numbers(const std::string& json, const std::string& key) {
     std::vector<double> v;
@@ -96,13 +106,26 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"fit", "sphere", "f", "--probe-radius", "nan"}, "finite number"},
         UsageCase{{"fit", "sphere", "f", "--probe-radius", "2mm"}, "'2mm'"},
         UsageCase{{"fit", "sphere", "f", "--probe-radius", "1", "--probe-radius", "1"}, "twice"},
-        UsageCase{{"fit", "sphere", "/nonexistent/points.txt"}, "cannot open"}));
+        UsageCase{{"fit", "sphere", "/nonexistent/points.txt"}, "cannot open"},
+        UsageCase{{"fit", "cylinder", "f", "--axis", "0,0,0"}, "non-zero length"},
+        UsageCase{{"fit", "cylinder", "f", "--axis", "1,2"}, "three finite numbers"},
+        UsageCase{{"fit", "cylinder", "f", "--axis=1,x,0"}, "three finite numbers"},
+        UsageCase{{"fit", "cylinder", "f", "--axis", "1,inf,0"}, "three finite numbers"},
+        UsageCase{{"fit", "cylinder", "f", "--axis"}, "--axis needs a value"},
+        UsageCase{{"fit", "cylinder", "f", "--axis", "1,0,0", "--axis", "0,1,0"}, "twice"},
+        UsageCase{{"fit", "cylinder", "f", "--axis", "0,0,1", "--angle", "0"}, "above 0"},
+        UsageCase{{"fit", "cylinder", "f", "--normals", "n", "--angle", "91"}, "at most 90"},
+        UsageCase{{"fit", "cylinder", "f", "--angle", "5"}, "needs --axis or --normals"},
+        UsageCase{{"fit", "sphere", "f", "--normals", "n"}, "cylinder only"},
+        UsageCase{{"fit", "cylinder", "-", "--normals", "-"}, "both come from standard input"},
+        UsageCase{{"fit", "cylinder", "f", "--normals", "/nonexistent/n.txt"}, "cannot open"}));
 
 TEST(ToolHelp, DescribesEveryFeatureAndTheProbeColumns) {
     const ToolRun r = run_tool({"--help"});
     EXPECT_EQ(r.status, kExitOk);
-    for (const char* word : {"line2", "line3", "plane", "circle2", "circle3", "sphere",
-                             "--probe-radius", "--inside", "--json", "x y z nx ny nz"})
+    for (const char* word :
+         {"line2", "line3", "plane", "circle2", "circle3", "sphere", "cylinder", "--probe-radius",
+          "--inside", "--json", "x y z nx ny nz", "--normals", "--axis", "--angle"})
         EXPECT_NE(r.out.find(word), std::string::npos) << word;
     EXPECT_EQ(run_tool({"fit", "sphere", "f", "-h"}).status, kExitOk);
     EXPECT_EQ(run_tool({"--version"}).status, kExitOk);
@@ -204,7 +227,106 @@ TEST(ToolFit, ProbedSphereAndCircleReportTheTouchedSurface) {
         EXPECT_NEAR(centre.at(0), -4.0, 1e-9);
         EXPECT_NEAR(centre.at(1), 9.0, 1e-9);
         EXPECT_LT(json_numbers(c.out, "form_deviation").at(0), 1e-9);
+
+        args[1] = "cylinder";
+        const ToolRun y =
+            run_tool(args, rows(testsupport::cylinder_points(40, centres_at, 30, 300, 0, 9)));
+        ASSERT_EQ(y.status, kExitOk) << y.err;
+        EXPECT_NEAR(json_numbers(y.out, "radius").at(0), R, 1e-9);
+        EXPECT_LT(json_numbers(y.out, "form_deviation").at(0), 1e-9);
+        EXPECT_NE(y.out.find(inside ? "\"inside\": true" : "\"inside\": false"), std::string::npos);
     }
+}
+
+// A 270-degree cylinder moved 1e3 from the origin and turned: the tool
+// reports its radius, its axis (in the sense of --axis) and the point of
+// the axis level with the points' centroid; an --axis far from the fit
+// draws a warning.
+TEST(ToolFit, CylinderRecoversAxisRadiusAndCentroidFoot) {
+    const giXform3 t = testsupport::random_motion(40.0, 1e3, 12);
+    const giPoint3coDynArr pts =
+        testsupport::transformed(t, testsupport::cylinder_points(60, 12.5, 40, 270, 0.001, 13));
+    const giUnitVec3 axis = t * giUnitVec3(0, 0, 1);
+    const giPoint3 on_axis = t * giPoint3(giOrigin);
+    giVector3 centroid(0, 0, 0);
+    for (const giPoint3& q : pts) centroid += (q - on_axis) / pts.size();
+    for (const double sense : {1.0, -1.0}) {
+        const ToolRun r =
+            run_tool({"fit", "cylinder", "-", "--json", "--axis", arg(sense * axis)}, rows(pts));
+        ASSERT_EQ(r.status, kExitOk) << r.err;
+        EXPECT_TRUE(r.err.empty()) << r.err;
+        EXPECT_EQ(json_numbers(r.out, "points").at(0), 60);
+        // Axis within 1e-4 rad (noise 0.001 over a length of 40), in the
+        // sense asked for; the point on the true axis, level with the
+        // centroid (a few sigma / sqrt(n)).
+        EXPECT_GT(dot(vec(json_numbers(r.out, "axis")), sense * axis), std::cos(1e-4));
+        const giVector3 at =
+            vec(json_numbers(r.out, "point")) - giVector3(on_axis.x(), on_axis.y(), on_axis.z());
+        EXPECT_LT(cross(axis, at).length(), 2e-3);
+        EXPECT_NEAR(dot(axis, at - centroid), 0.0, 2e-3);
+        EXPECT_NEAR(json_numbers(r.out, "radius").at(0), 12.5, 1e-3);
+        EXPECT_NEAR(json_numbers(r.out, "rms").at(0), 0.001, 4e-4);
+        const double form = json_numbers(r.out, "form_deviation").at(0);
+        EXPECT_GT(form, 2e-3);  // max - min of 60 residuals spans several sigma
+        EXPECT_LT(form, 1e-2);
+        EXPECT_GT(json_numbers(r.out, "distribution_quality").at(0), 0.0);
+    }
+    const ToolRun off =
+        run_tool({"fit", "cylinder", "-", "--axis", arg(axis.any_normal())}, rows(pts));
+    EXPECT_EQ(off.status, kExitOk);
+    EXPECT_NE(off.out.find("radius    12.5"), std::string::npos) << off.out;
+    EXPECT_NE(off.err.find("beyond the 10 degrees"), std::string::npos) << off.err;
+}
+
+// Normals are matched to the points by order: a shaft's or a bore's fit
+// without remark, normals the fit cannot follow with a warning, a count
+// or a zero normal that cannot belong to the points with status 2.
+TEST(ToolFit, CylinderNormalsMustBelongToThePoints) {
+    giUnitVec3coDynArr outward;
+    const giPoint3coDynArr pts = testsupport::cylinder_points(40, 5, 20, 300, 0, 21, &outward);
+    PointTable table;
+    std::string error;
+    std::istringstream point_rows(rows(pts));
+    ASSERT_TRUE(read_point_table(point_rows, 3, "x y z", table, error));
+    Options o;
+    ASSERT_EQ(parse_options({"fit", "cylinder", "p", "--normals", "n"}, o, error), kExitOk);
+    struct Case {
+        double sense;  // normals outward (1), inward (-1) or along the axis (0)
+        int count;
+        bool zero_first;
+        int status;
+        std::string says;
+    };
+    const Case cases[] = {{1, 40, false, kExitOk, ""},
+                          {-1, 40, false, kExitOk, ""},
+                          {0, 40, false, kExitOk, "not all within 10 degrees"},
+                          {1, 39, false, kExitUsage, "has 39 normals for 40 points"},
+                          {1, 40, true, kExitUsage, "line 1 of the normals file 'n'"}};
+    for (const Case& c : cases) {
+        giPoint3coDynArr tips;
+        for (int i = 0; i < c.count; ++i) {
+            const giVector3 n = c.sense == 0 ? giVector3(0, 0, 1) : c.sense * outward[i];
+            tips.append(c.zero_first && i == 0 ? giPoint3(0, 0, 0) : giPoint3(n.x(), n.y(), n.z()));
+        }
+        std::istringstream normal_rows(rows(tips));
+        PointTable normals;
+        ASSERT_TRUE(read_point_table(normal_rows, 3, "nx ny nz", normals, error));
+        FitReport report;
+        std::string message;
+        ASSERT_EQ(fit_table(o, table, normals, report, message), c.status) << message;
+        std::string said = message;
+        for (const std::string& w : report.warnings) said += w;
+        EXPECT_EQ(said.empty(), c.says.empty()) << said;
+        EXPECT_NE(said.find(c.says), std::string::npos) << said;
+        if (c.status == kExitOk) {
+            EXPECT_NEAR(report.parameters.at(2).second.at(0), 5.0, 1e-9);
+        }
+    }
+    // The same through the command line, normals on standard input.
+    const std::string sample = std::string(METROFIT_TEST_DATA_DIR) + "/../../examples/cylinder.txt";
+    const ToolRun r = run_tool({"fit", "cylinder", sample, "--normals", "-"}, "1 0 0\n0 1 0\n");
+    EXPECT_EQ(r.status, kExitUsage);
+    EXPECT_NE(r.err.find("has 2 normals for 40 points"), std::string::npos) << r.err;
 }
 
 // Probe centres rho above the plane z = 1 (or the line y = 2), contact
@@ -285,6 +407,9 @@ TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
         {"plane", "normal", {0.049928, -0.019971, 0.998553}, 1e-4},
         {"line2", "direction", {c30, s30}, 1e-4},
         {"line3", "direction", {1.0 / 3, 2.0 / 3, 2.0 / 3}, 1e-4},
+        {"cylinder", "point", {100, 50, 20}, 0.005},
+        {"cylinder", "axis", {-0.309426, 0.206284, 0.928279}, 1e-4},
+        {"cylinder", "radius", {12.5}, 0.005},
     };
     for (const Expect& e : cases) {
         const ToolRun r = run_tool({"fit", e.feature, dir + e.feature + ".txt", "--json"});
@@ -293,7 +418,8 @@ TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
         ASSERT_EQ(got.size(), e.value.size()) << e.feature;
         // Directions and normals have no fixed sense.
         double sense = 1.0;
-        if (std::string(e.key) != "centre" && std::string(e.key) != "radius") {
+        if (std::string(e.key) != "centre" && std::string(e.key) != "radius" &&
+            std::string(e.key) != "point") {
             double d = 0.0;
             for (std::size_t k = 0; k < got.size(); ++k) d += got[k] * e.value[k];
             sense = d < 0 ? -1.0 : 1.0;

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <fstream>
 
+#include "metrofit/features/cylinder.h"
+#include "metrofit/features/probed_cylinder.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/least_square_evaluator.h"
 
@@ -33,6 +35,7 @@ constexpr FeatureInfo kFeatures[] = {
     {Feature::circle2, "circle2", "circle in the plane", 2, 3, true, false},
     {Feature::circle3, "circle3", "circle in space", 3, 3, false, false},
     {Feature::sphere, "sphere", "sphere", 3, 4, true, false},
+    {Feature::cylinder, "cylinder", "cylinder", 3, 5, true, false},
 };
 
 const FeatureInfo& info(Feature f) {
@@ -46,6 +49,12 @@ const FeatureInfo& info(Feature f) {
 constexpr double kPoorQuality = 0.001;
 
 bool with_directions(const Options& o) { return o.probed && info(o.feature).directions; }
+
+// Probed features touched from one side of a closed surface, which
+// --inside chooses.
+bool has_side(const std::string& feature) {
+    return feature == "sphere" || feature == "circle2" || feature == "cylinder";
+}
 
 std::string number(double v, const char* format) {
     char buffer[64];
@@ -106,11 +115,14 @@ bool read_directions2(const PointTable& t, giUnitVec2coDynArr& out, std::string&
     return true;
 }
 
-bool read_directions3(const PointTable& t, giUnitVec3coDynArr& out, std::string& message) {
+// Directions in columns first..first+2; `where` follows the line number in
+// the message (which file), `what` names the vector.
+bool read_directions3(const PointTable& t, int first, const std::string& where, const char* what,
+                      giUnitVec3coDynArr& out, std::string& message) {
     for (int i = 0; i < t.rows(); ++i) {
-        const giUnitVec3 d(t.at(i, 3), t.at(i, 4), t.at(i, 5));
+        const giUnitVec3 d(t.at(i, first), t.at(i, first + 1), t.at(i, first + 2));
         if (!d.is_set()) {
-            message = "line " + std::to_string(t.lines[i]) + ": contact direction has no length";
+            message = "line " + std::to_string(t.lines[i]) + where + ": " + what + " has no length";
             return false;
         }
         out.append(d);
@@ -160,6 +172,21 @@ giPoint3 foot_of_centroid(const giPoint3coDynArr& pts, const giPoint3& on_plane,
     }
     const giVector3 shift(sx / pts.size(), sy / pts.size(), sz / pts.size());
     return on_plane + (shift - dot(n, shift) * n);
+}
+
+// The point of the axis through `on_axis` along u nearest the points'
+// centroid: the fits report some point of the axis, this one lies among
+// the data.
+giPoint3 axis_foot_of_centroid(const giPoint3coDynArr& pts, const giPoint3& on_axis,
+                               const giVector3& u) {
+    double sx = 0.0, sy = 0.0, sz = 0.0;
+    for (const giPoint3& q : pts) {
+        sx += q.x() - on_axis.x();
+        sy += q.y() - on_axis.y();
+        sz += q.z() - on_axis.z();
+    }
+    const giVector3 shift(sx / pts.size(), sy / pts.size(), sz / pts.size());
+    return on_axis + dot(u, shift) * u;
 }
 
 int fit_line2(const Options& o, const PointTable& t, const giUnitVec2coDynArr& dirs, FitReport& r) {
@@ -317,6 +344,61 @@ int fit_sphere(const Options& o, const PointTable& t, FitReport& r) {
     return kExitOk;
 }
 
+int fit_cylinder(const Options& o, const PointTable& t, const giUnitVec3coDynArr& normals,
+                 FitReport& r) {
+    const giPoint3coDynArr pts = points3(t);
+    const giUnitVec3 nominal =
+        o.axis.size() == 3 ? giUnitVec3(o.axis[0], o.axis[1], o.axis[2]) : giUnitVec3();
+    const giAngle angle(giANGLE_DEGREES, o.angle_degrees);
+    const int inside = o.inside ? 1 : 0;
+    doublecoDynArr radii;
+    giPoint3 p;
+    giUnitVec3 u;
+    double radius = 0.0, error = 0.0;
+    if (o.probed) {
+        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        if (!tsCalculateLeastSquareProbedCylinder(pts, radii, inside, p, u, radius, error, nominal,
+                                                  angle, normals, 0))
+            return kExitRefused;
+    } else if (!tsCalculateLeastSquareCylinder(pts, p, u, radius, error, nominal, angle, normals,
+                                               0)) {
+        return kExitRefused;
+    }
+    // The search prefers cylinders within the limits but returns a clearly
+    // better one outside them: say so rather than pass it off as constrained.
+    const std::string limit = number(o.angle_degrees, "%.6g") + " degrees";
+    if (nominal.is_set()) {
+        const double off = giAngle(giAngleCosine, std::fabs(dot(u, nominal))).degrees();
+        if (std::fabs(dot(u, nominal)) < angle.cos())
+            r.warnings.push_back("the fitted axis lies " + number(off, "%.3g") +
+                                 " degrees from --axis, beyond the " + limit +
+                                 " allowed: no cylinder within the limit fits nearly as well");
+        if (dot(u, nominal) < 0.0) u = -u;  // report the axis in the nominal sense
+    }
+    if (normals.size() > 0) {
+        mlVector fitted = {p.x(), p.y(), p.z(), u.x(), u.y(), u.z(), radius};
+        if (!tsLeastSquareCylinder::are_normals_in_limit(pts, angle, giUnitVec3(), normals, fitted))
+            r.warnings.push_back("the fitted cylinder's radial directions are not all within " +
+                                 limit + " of the normals (nor all of the reversed normals)");
+    }
+    p = axis_foot_of_centroid(pts, p, u);
+    std::vector<double> res;
+    for (const giPoint3& q : pts) {
+        const double dist = cross(u, q - p).length();
+        res.push_back(o.probed ? probed_radial(dist, radius, o.probe_radius, o.inside)
+                               : dist - radius);
+    }
+    r.parameters = {{"point", point_xyz(p)}, {"axis", vec_xyz(u)}, {"radius", {radius}}};
+    r.rms = error;
+    r.form_deviation = spread(res);
+    r.distribution_quality =
+        o.probed
+            ? tsLeastSquareDistributionQuality::distribution_quality_probed_cylinder(
+                  pts, radii, inside, p, u, radius)
+            : tsLeastSquareDistributionQuality::distribution_quality_cylinder(pts, p, u, radius);
+    return kExitOk;
+}
+
 std::string json_number(double v) {
     if (!std::isfinite(v)) return "null";
     return number(v, "%.17g");
@@ -337,6 +419,8 @@ std::string column_names(const Options& o) {
 
 std::string usage_text() {
     return R"(Usage: metrofit fit <feature> <file> [--probe-radius R [--inside]] [--json]
+       metrofit fit cylinder <file> [--normals FILE] [--axis X,Y,Z]
+                [--angle DEG] [--probe-radius R [--inside]] [--json]
        metrofit --help | --version
 
 Fits a least-squares feature to the points in <file> ("-" reads standard
@@ -350,14 +434,28 @@ Features, and the numbers each data line holds:
   circle2   circle in the plane          x y
   circle3   circle in space              x y z
   sphere    sphere                       x y z
+  cylinder  cylinder                     x y z
 
 Options:
   --probe-radius R   the points are centres of a probe ball of radius R that
-                     touched the feature (sphere, circle2, plane, line2); the
-                     feature reported is the touched surface.
-  --inside           with --probe-radius, for sphere and circle2: the ball
-                     touched from inside (a bore, a hollow sphere); without
-                     it, from outside (a shaft, a ball).
+                     touched the feature (sphere, circle2, cylinder, plane,
+                     line2); the feature reported is the touched surface.
+  --inside           with --probe-radius, for sphere, circle2 and cylinder:
+                     the ball touched from inside (a bore, a hollow sphere);
+                     without it, from outside (a shaft, a ball).
+  --normals FILE     cylinder: a second file with the surface normal at each
+                     point, "nx ny nz" per line in the order of the points
+                     (same format; any length but zero). The fitted
+                     cylinder's radial directions must lie within the angle
+                     of all the normals (a shaft) or of all of them reversed
+                     (a bore). Another count of normals than of points is
+                     a usage error.
+  --axis X,Y,Z       cylinder: the nominal axis direction (any length but
+                     zero, either sense); the fitted axis is sought within
+                     the angle of it and reported in its sense.
+  --angle DEG        cylinder: how far the axis may turn from --axis, and the
+                     radial directions from the normals, in degrees (above 0,
+                     at most 90; default 10).
   --json             print one JSON object instead of the text report.
   -h, --help         print this help and exit.
   --version          print the version and exit.
@@ -375,30 +473,72 @@ number. Nothing is guessed.
 
 Reported figures:
   point     for lines and planes: the foot of the points' centroid on the
-            feature (for probed fits, of the probe centres' centroid).
+            feature (for probed fits, of the probe centres' centroid); for a
+            cylinder: the foot of that centroid on the axis, the point of the
+            axis among the data.
+  axis      a cylinder's unit axis direction (in the sense of --axis when
+            given).
   rms       root mean square of the orthogonal distances of the points.
-  form      largest minus smallest signed residual: positive outside a circle
-            or sphere, on the normal's side of a plane or line2, and towards
-            the probe for probed fits. circle3 signs its distances in space
-            by the radial side. A line in space has unsigned distances: its
-            form is twice the largest (the diameter of the enclosing zone).
+  form      largest minus smallest signed residual: positive outside a
+            circle, sphere or cylinder, on the normal's side of a plane or
+            line2, and towards the probe for probed fits. circle3 signs its
+            distances in space by the radial side. A line in space has
+            unsigned distances: its form is twice the largest (the diameter
+            of the enclosing zone).
   quality   how well the points pin the feature down, about 1 at best: a
-            whole circle or sphere, a flat square patch, a long thin row of
-            points along a line. A short arc, a small cap, a narrow strip or
-            a wide band along a line scores less. Below 0.001 the tool adds
-            a warning on standard error (the exit status stays 0).
+            whole circle, sphere or cylinder, a flat square patch, a long
+            thin row of points along a line. A short arc, a small cap, a
+            narrow strip or a wide band along a line scores less. Below
+            0.001 the tool adds a warning on standard error (the exit status
+            stays 0), as it does when the fitted cylinder lies beyond the
+            --angle limit of --axis or --normals (the fit returns a cylinder
+            outside the limit when none inside it fits nearly as well).
 
 Exit status: 0 fitted; 1 the fit refused the points (too few, or a set that
 fixes no such feature); 2 a usage error or a bad input file.
 )";
 }
 
+namespace {
+
+// Whether args[i] is the option `name`, given as "--name VALUE" or
+// "--name=VALUE". When it is, `value` receives the value (i moves past it),
+// or `error` says it is missing or repeated.
+bool valued_option(const std::vector<std::string>& args, std::size_t& i, const std::string& name,
+                   bool& given, std::string& value, std::string& error) {
+    const std::string& a = args[i];
+    if (a != name && a.rfind(name + "=", 0) != 0) return false;
+    if (a.size() > name.size()) {
+        value = a.substr(name.size() + 1);
+    } else if (i + 1 < args.size()) {
+        value = args[++i];
+    } else {
+        error = name + " needs a value";
+        return true;
+    }
+    if (given) error = name + " given twice";
+    given = true;
+    return true;
+}
+
+// The numbers of an option value ("1.5", "0,0,1", "0 0 1"); empty for
+// anything else.
+std::vector<double> option_numbers(const std::string& value) {
+    std::vector<double> row;
+    std::string why;
+    if (parse_point_line(value, row, why) != 1) row.clear();
+    return row;
+}
+
+}  // namespace
+
 int parse_options(const std::vector<std::string>& args, Options& o, std::string& error) {
     o = Options();
     std::vector<std::string> positional;
-    bool radius_given = false;
+    bool radius_given = false, normals_given = false, axis_given = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
+        std::string value;
         if (a == "-h" || a == "--help") {
             o.help = true;
         } else if (a == "--version") {
@@ -407,28 +547,42 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
             o.json = true;
         } else if (a == "--inside") {
             o.inside = true;
-        } else if (a == "--probe-radius" || a.rfind("--probe-radius=", 0) == 0) {
-            std::string value;
-            if (a.size() > 14) {
-                value = a.substr(15);
-            } else if (i + 1 < args.size()) {
-                value = args[++i];
-            } else {
-                error = "--probe-radius needs a value";
-                return kExitUsage;
-            }
-            if (radius_given) {
-                error = "--probe-radius given twice";
-                return kExitUsage;
-            }
-            std::vector<double> row;
-            std::string why;
-            if (parse_point_line(value, row, why) != 1 || row.size() != 1 || row[0] < 0.0) {
+        } else if (valued_option(args, i, "--probe-radius", radius_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            const std::vector<double> row = option_numbers(value);
+            if (row.size() != 1 || row[0] < 0.0) {
                 error = "--probe-radius needs one finite number of at least 0, not '" + value + "'";
                 return kExitUsage;
             }
-            o.probed = radius_given = true;
+            o.probed = true;
             o.probe_radius = row[0];
+        } else if (valued_option(args, i, "--normals", normals_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            if (value.empty()) {
+                error = "--normals needs a file name";
+                return kExitUsage;
+            }
+            o.normals_file = value;
+        } else if (valued_option(args, i, "--axis", axis_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            o.axis = option_numbers(value);
+            if (o.axis.size() != 3) {
+                error = "--axis needs three finite numbers x,y,z, not '" + value + "'";
+                return kExitUsage;
+            }
+            if (!giUnitVec3(o.axis[0], o.axis[1], o.axis[2]).is_set()) {
+                error = "--axis needs a direction of non-zero length, not '" + value + "'";
+                return kExitUsage;
+            }
+        } else if (valued_option(args, i, "--angle", o.angle_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            const std::vector<double> row = option_numbers(value);
+            if (row.size() != 1 || !(row[0] > 0.0 && row[0] <= 90.0)) {
+                error = "--angle needs one number of degrees above 0 and at most 90, not '" +
+                        value + "'";
+                return kExitUsage;
+            }
+            o.angle_degrees = row[0];
         } else if (a.size() > 1 && a[0] == '-') {
             error = "unknown option '" + a + "'";
             return kExitUsage;
@@ -459,14 +613,14 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
         if (positional[1] == f.name) found = &f;
     if (!found) {
         error = "unknown feature '" + positional[1] +
-                "' (line2, line3, plane, circle2, circle3 or sphere)";
+                "' (line2, line3, plane, circle2, circle3, sphere or cylinder)";
         return kExitUsage;
     }
     o.feature = found->feature;
     o.file = positional[2];
     if (o.probed && !found->probed_form) {
         error = std::string(found->name) + " has no probed fit: --probe-radius applies to " +
-                "sphere, circle2, plane and line2";
+                "sphere, circle2, cylinder, plane and line2";
         return kExitUsage;
     }
     if (o.inside && !o.probed) {
@@ -478,10 +632,31 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
                 ": its contact directions give the side";
         return kExitUsage;
     }
+    const char* cylinder_option = normals_given   ? "--normals"
+                                  : axis_given    ? "--axis"
+                                  : o.angle_given ? "--angle"
+                                                  : nullptr;
+    if (cylinder_option && o.feature != Feature::cylinder) {
+        error = std::string(cylinder_option) + " applies to cylinder only, not " + found->name;
+        return kExitUsage;
+    }
+    if (o.angle_given && !normals_given && !axis_given) {
+        error = "--angle needs --axis or --normals: it limits their deviation";
+        return kExitUsage;
+    }
+    if (o.normals_file == "-" && o.file == "-") {
+        error = "the points and the normals cannot both come from standard input";
+        return kExitUsage;
+    }
     return kExitOk;
 }
 
 int fit_table(const Options& o, const PointTable& t, FitReport& r, std::string& message) {
+    return fit_table(o, t, PointTable(), r, message);
+}
+
+int fit_table(const Options& o, const PointTable& t, const PointTable& normals, FitReport& r,
+              std::string& message) {
     const FeatureInfo& f = info(o.feature);
     r = FitReport();
     r.feature = f.name;
@@ -494,9 +669,24 @@ int fit_table(const Options& o, const PointTable& t, FitReport& r, std::string& 
     giUnitVec2coDynArr d2;
     giUnitVec3coDynArr d3;
     if (with_directions(o)) {
-        const bool ok =
-            f.dimension == 2 ? read_directions2(t, d2, message) : read_directions3(t, d3, message);
+        const bool ok = f.dimension == 2
+                            ? read_directions2(t, d2, message)
+                            : read_directions3(t, 3, "", "contact direction", d3, message);
         if (!ok) return kExitUsage;
+    }
+    // Surface normals of the cylinder, matched to the points by order: a
+    // count that differs means the files do not belong together.
+    giUnitVec3coDynArr n3;
+    if (o.feature == Feature::cylinder && !o.normals_file.empty()) {
+        if (normals.rows() != t.rows()) {
+            message = "the normals file '" + o.normals_file + "' has " +
+                      std::to_string(normals.rows()) + " normals for " + std::to_string(t.rows()) +
+                      " points (one per point, in their order)";
+            return kExitUsage;
+        }
+        if (!read_directions3(normals, 0, " of the normals file '" + o.normals_file + "'", "normal",
+                              n3, message))
+            return kExitUsage;
     }
     int status = kExitRefused;
     switch (o.feature) {
@@ -518,6 +708,9 @@ int fit_table(const Options& o, const PointTable& t, FitReport& r, std::string& 
         case Feature::sphere:
             status = fit_sphere(o, t, r);
             break;
+        case Feature::cylinder:
+            status = fit_cylinder(o, t, n3, r);
+            break;
     }
     if (status == kExitRefused) {
         const std::string what = std::string(o.probed ? "probed " : "") + f.name + " fit";
@@ -537,8 +730,7 @@ std::string format_human(const FitReport& r) {
     std::string s = "feature   " + r.feature;
     if (r.probed) {
         s += " (probe radius " + number(r.probe_radius, "%.10g");
-        if (r.feature == "sphere" || r.feature == "circle2")
-            s += r.inside ? ", touched from inside" : ", touched from outside";
+        if (has_side(r.feature)) s += r.inside ? ", touched from inside" : ", touched from outside";
         s += ")";
     }
     s += "\npoints    " + std::to_string(r.points) + "\n";
@@ -560,8 +752,7 @@ std::string format_json(const FitReport& r) {
                     ", \"probed\": " + (r.probed ? "true" : "false");
     if (r.probed) {
         s += ", \"probe_radius\": " + json_number(r.probe_radius);
-        if (r.feature == "sphere" || r.feature == "circle2")
-            s += std::string(", \"inside\": ") + (r.inside ? "true" : "false");
+        if (has_side(r.feature)) s += std::string(", \"inside\": ") + (r.inside ? "true" : "false");
     }
     for (const auto& [name, values] : r.parameters) {
         s += ", \"" + name + "\": ";
@@ -597,30 +788,37 @@ int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::os
         return kExitOk;
     }
 
-    PointTable table;
-    bool read = false;
-    if (o.file == "-") {
-        read = read_point_table(in, expected_columns(o), column_names(o), table, error);
-    } else {
-        std::ifstream file(o.file);
-        if (!file) {
-            err << "metrofit: cannot open '" << o.file << "'\n";
-            return kExitUsage;
+    // Points, then the normals when given: both in the point file format.
+    const auto read_table = [&](const std::string& name, int columns, const std::string& names,
+                                PointTable& table) {
+        bool read = false;
+        if (name == "-") {
+            read = read_point_table(in, columns, names, table, error);
+        } else {
+            std::ifstream file(name);
+            if (!file) {
+                err << "metrofit: cannot open '" << name << "'\n";
+                return false;
+            }
+            read = read_point_table(file, columns, names, table, error);
         }
-        read = read_point_table(file, expected_columns(o), column_names(o), table, error);
-    }
-    if (!read) {
-        err << "metrofit: " << o.file << ": " << error << "\n";
+        if (!read) err << "metrofit: " << name << ": " << error << "\n";
+        return read;
+    };
+    PointTable table, normals;
+    if (!read_table(o.file, expected_columns(o), column_names(o), table)) return kExitUsage;
+    if (!o.normals_file.empty() && !read_table(o.normals_file, 3, "nx ny nz", normals))
         return kExitUsage;
-    }
 
     FitReport report;
-    const int status = fit_table(o, table, report, error);
+    const int status = fit_table(o, table, normals, report, error);
     if (status != kExitOk) {
         err << "metrofit: " << o.file << ": " << error << "\n";
         return status;
     }
     out << (o.json ? format_json(report) : format_human(report));
+    for (const std::string& warning : report.warnings)
+        err << "metrofit: warning: " << warning << "\n";
     if (!(report.distribution_quality >= kPoorQuality))
         err << "metrofit: warning: distribution quality "
             << number(report.distribution_quality, "%.2g") << ": the points hardly fix the "

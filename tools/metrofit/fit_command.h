@@ -20,7 +20,11 @@ constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 
-enum class Feature { line2, line3, plane, circle2, circle3, sphere };
+enum class Feature { line2, line3, plane, circle2, circle3, sphere, cylinder };
+
+// The angle a cylinder's axis and radial directions may deviate by from
+// --axis and --normals when --angle is not given.
+constexpr double kDefaultAngleDegrees = 10.0;
 
 struct Options {
     bool help = false;
@@ -31,6 +35,13 @@ struct Options {
     double probe_radius = 0.0;
     bool inside = false;
     bool json = false;
+    // Cylinder only: a file of one surface normal per point ("-" reads
+    // standard input; empty: none), a nominal axis direction (empty: none,
+    // else three numbers of non-zero length) and the angle both may deviate by.
+    std::string normals_file;
+    std::vector<double> axis;
+    double angle_degrees = kDefaultAngleDegrees;
+    bool angle_given = false;
 };
 
 // The columns a data line must hold for the feature, and their names.
@@ -53,12 +64,18 @@ struct FitReport {
     double rms = 0.0;
     double form_deviation = 0.0;
     double distribution_quality = 0.0;
+    // Remarks for standard error that do not stop the run (a fitted axis
+    // beyond the allowed angle of the nominal one, for example).
+    std::vector<std::string> warnings;
 };
 
 // Fits the table as the options ask. Returns kExitOk with the report,
 // kExitRefused when the fit refuses the points, or kExitUsage for data the
-// fit cannot take (a contact direction of zero length); `message` then
-// says why.
+// fit cannot take (a contact direction or normal of zero length, a normals
+// table whose row count is not the points'); `message` then says why.
+// `normals` holds the rows of --normals (nx ny nz), or none.
+int fit_table(const Options& options, const PointTable& table, const PointTable& normals,
+              FitReport& report, std::string& message);
 int fit_table(const Options& options, const PointTable& table, FitReport& report,
               std::string& message);
 

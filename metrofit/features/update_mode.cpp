@@ -1,0 +1,61 @@
+#include "metrofit/features/update_mode.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <vector>
+
+namespace {
+
+constexpr double kNewPointFactor = 10.0;
+constexpr double kNewPointFloor = 0.001;
+constexpr double kGrowthFactor = 1.1;
+constexpr double kGrowthFloor = 1e-6;
+constexpr int kQuantileAbove = 20;  // more points: the old points' largest residual
+constexpr double kQuantile = 0.9;
+
+double largest_distance(const tsLeastSquareDistance3& model, int from, int to) {
+    double largest = 0.0;
+    for (int i = from; i < to; ++i) {
+        double d = 0.0;
+        model.get_distance(d, i);
+        largest = std::fmax(largest, std::fabs(d));
+    }
+    return largest;
+}
+
+}  // namespace
+
+int tsRefineWithAddedPoints(tsLeastSquareDistance3& model, mlLevenbergMarquardt& solver,
+                            const mlVector& previous, int n_added, mlVector& result,
+                            double& value) {
+    const int n = model.n_points();
+    if (n_added > 0 && n_added >= n) return 0;
+    model.set_parameters(previous);
+    const double range = model.range();
+    std::vector<double> old;
+    if (n_added > 0) {
+        old.reserve(n - n_added);
+        for (int i = 0; i < n - n_added; ++i) {
+            double d = 0.0;
+            model.get_distance(d, i);
+            old.push_back(std::fabs(d));
+        }
+        std::sort(old.begin(), old.end());
+        const int last = static_cast<int>(old.size()) - 1;
+        const int k = n > kQuantileAbove ? last : static_cast<int>(last * kQuantile);
+        const double limit = std::fmax(kNewPointFactor * old[k], kNewPointFloor * range);
+        if (!(largest_distance(model, n - n_added, n) < limit)) return 0;
+    }
+    mlVector refined;
+    const double v = solver.fit(previous, refined);
+    if (!(v < DBL_MAX)) return 0;
+    if (n_added > 0) {
+        model.set_parameters(refined);
+        const double limit = std::fmax(kGrowthFactor * old.back(), kGrowthFloor * range);
+        if (!(largest_distance(model, 0, n) < limit)) return 0;
+    }
+    result = refined;
+    value = v;
+    return 1;
+}
