@@ -12,7 +12,7 @@
 namespace {
 
 // Damped phase.
-constexpr int kMaxBuilds = 100;           // normal-equation builds
+constexpr int kMaxBuilds = 200;           // normal-equation builds
 constexpr double kInitialDamping = 1e-3;  // lambda, in the unit-diagonal basis
 constexpr double kMinDamping = 1e-15;     // floor after accepted steps
 constexpr double kRejectDamping = 1e-4;   // least lambda after a rejection

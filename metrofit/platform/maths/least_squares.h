@@ -96,7 +96,7 @@ class mlDistanceLeastSquares {
 //   parameter vector measured by the change of distance they cause), when
 //   the least damped trial of an iteration is rejected although its step is
 //   at most 1e-13 relative (S no longer tells the points apart, as on exact
-//   data), or after 100 passes.
+//   data), or after 200 passes.
 // - Models with up to 16 parameters run on fixed-capacity matrices on the
 //   stack, so a fit makes only a handful of small heap allocations.
 // - S cannot resolve the last digits of the optimum, but g can: a polishing
