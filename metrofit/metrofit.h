@@ -2,11 +2,14 @@
 #pragma once
 
 #include "metrofit/features/circle.h"
+#include "metrofit/features/cone.h"
+#include "metrofit/features/cone_guess.h"
 #include "metrofit/features/cylinder.h"
 #include "metrofit/features/direct_circle.h"
 #include "metrofit/features/fitted_records.h"
 #include "metrofit/features/line.h"
 #include "metrofit/features/plane.h"
+#include "metrofit/features/probed_cone.h"
 #include "metrofit/features/probed_cylinder.h"
 #include "metrofit/features/projected_circles.h"
 #include "metrofit/features/random_directions.h"

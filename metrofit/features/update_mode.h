@@ -25,5 +25,4 @@
 #include "metrofit/platform/maths/vector.h"
 
 int tsRefineWithAddedPoints(tsLeastSquareDistance3& model, mlLevenbergMarquardt& solver,
-                            const mlVector& previous, int n_added, mlVector& result,
-                            double& value);
+                            const mlVector& previous, int n_added, mlVector& result, double& value);

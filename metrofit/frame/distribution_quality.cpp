@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "metrofit/features/circle.h"
+#include "metrofit/features/probed_cone.h"
 #include "metrofit/features/probed_cylinder.h"
 #include "metrofit/features/sphere.h"
 #include "metrofit/frame/input_checks.h"
@@ -28,19 +29,20 @@ constexpr double kSphereDivisor = 0.578;
 constexpr double kCircleDivisor = 0.708;
 constexpr double kCylinderDivisor = 0.26;
 constexpr double kProbedCylinderDivisor = 0.177;
+constexpr double kConeDivisor = 0.15;
 
 bool finite_axis(const giPoint3& point, const giVector3& axis, double radius) {
     return ts_finite(point) && axis.is_set() && ts_finite(axis) && axis.length() > 0.0 &&
            std::isfinite(radius);
 }
 
-// The points and the axis point moved by minus the points' centroid, and the
-// cylinder's parameters there. The model's canonical axis point is the one
-// nearest the origin, and the measure weighs a turn of the axis about that
-// point: centring makes it the foot of the centroid, so the measure does not
-// depend on where the origin lies.
-mlVector centred_cylinder(const giPoint3coDynArr& points, const giPoint3& axis_point,
-                          const giVector3& axis, double radius, giPoint3coDynArr& centred) {
+// The points and the axis point moved by minus the points' centroid. The
+// axial models' canonical axis point is the one nearest the origin, and the
+// measure weighs a turn of the axis about that point: centring makes it the
+// foot of the centroid, so the measure does not depend on where the origin
+// lies. Returns the moved axis point.
+giPoint3 centre_points(const giPoint3coDynArr& points, const giPoint3& axis_point,
+                       giPoint3coDynArr& centred) {
     double sx = 0.0, sy = 0.0, sz = 0.0;
     for (const giPoint3& p : points) {
         sx += p.x();
@@ -50,8 +52,16 @@ mlVector centred_cylinder(const giPoint3coDynArr& points, const giPoint3& axis_p
     const giVector3 shift(sx / points.size(), sy / points.size(), sz / points.size());
     centred.reserve(points.size());
     for (const giPoint3& p : points) centred.append(p - shift);
-    const giPoint3 c = axis_point - shift;
+    return axis_point - shift;
+}
+
+mlVector cylinder_parameters(const giPoint3& c, const giVector3& axis, double radius) {
     return {c.x(), c.y(), c.z(), axis.x(), axis.y(), axis.z(), radius};
+}
+
+// The cone with its apex as reference point, at surface distance 0.
+mlVector cone_parameters(const giPoint3& apex, const giVector3& axis, double half_angle) {
+    return {apex.x(), apex.y(), apex.z(), axis.x(), axis.y(), axis.z(), 0.0, half_angle};
 }
 
 // Extent of the positions along a line (L) and largest distance from it
@@ -117,7 +127,8 @@ double tsLeastSquareDistributionQuality::distribution_quality_cylinder(
     if (points.size() < 3 || !ts_all_finite(points) || !finite_axis(axis_point, axis, radius))
         return 0.0;
     giPoint3coDynArr centred;
-    const mlVector p = centred_cylinder(points, axis_point, axis, radius, centred);
+    const mlVector p =
+        cylinder_parameters(centre_points(points, axis_point, centred), axis, radius);
     tsLeastSquareCylinder model(centred);
     return model.point_distribution_quality(p) / kCylinderDivisor;
 }
@@ -129,9 +140,34 @@ double tsLeastSquareDistributionQuality::distribution_quality_probed_cylinder(
         !ts_all_finite(probe_radii) || !finite_axis(axis_point, axis, radius))
         return 0.0;
     giPoint3coDynArr centred;
-    const mlVector p = centred_cylinder(points, axis_point, axis, radius, centred);
+    const mlVector p =
+        cylinder_parameters(centre_points(points, axis_point, centred), axis, radius);
     tsLeastSquareProbedCylinder model(centred, probe_radii, inside);
     return model.point_distribution_quality(p) / kProbedCylinderDivisor;
+}
+
+double tsLeastSquareDistributionQuality::distribution_quality_cone(const giPoint3coDynArr& points,
+                                                                   const giPoint3& apex,
+                                                                   const giVector3& axis,
+                                                                   double half_angle) {
+    if (points.size() < 3 || !ts_all_finite(points) || !finite_axis(apex, axis, half_angle))
+        return 0.0;
+    giPoint3coDynArr centred;
+    const mlVector p = cone_parameters(centre_points(points, apex, centred), axis, half_angle);
+    tsLeastSquareCone model(centred);
+    return model.point_distribution_quality(p) / kConeDivisor;
+}
+
+double tsLeastSquareDistributionQuality::distribution_quality_probed_cone(
+    const giPoint3coDynArr& points, const doublecoDynArr& probe_radii, int inside,
+    const giPoint3coDynArr&, const giPoint3& apex, const giVector3& axis, double half_angle) {
+    if (points.size() < 3 || probe_radii.size() != points.size() || !ts_all_finite(points) ||
+        !ts_all_finite(probe_radii) || !finite_axis(apex, axis, half_angle))
+        return 0.0;
+    giPoint3coDynArr centred;
+    const mlVector p = cone_parameters(centre_points(points, apex, centred), axis, half_angle);
+    tsLeastSquareProbedCone model(centred, probe_radii, inside);
+    return model.point_distribution_quality(p);
 }
 
 double tsLeastSquareDistributionQuality::distribution_quality_line(const giPoint2coDynArr& points,

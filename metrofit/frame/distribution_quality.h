@@ -37,6 +37,12 @@
 // twice as long as its radius (plain 0.69, probed 1.0), 0.2 for long ones,
 // falling with the covered sector and for short cylinders.
 //
+// Cones use the cone model at (apex, axis towards the apex, surface distance
+// 0, half angle in radians), on the centred points as for cylinders, divided
+// by 0.15; the probed cone uses the probed model and returns the raw value.
+// Its contact points (the guess points of the probed fit) are not needed for
+// the measure and are not read.
+//
 // Arguments of the circle families: circle2 projects the 3D points into the
 // 2D frame of the plane (plane point, normal) and evaluates the 2D circle
 // measure there; circle3 takes the circle's own centre and normal as that
@@ -75,6 +81,14 @@ class tsLeastSquareDistributionQuality {
                                                        const doublecoDynArr& probe_radii,
                                                        int inside, const giPoint3& axis_point,
                                                        const giVector3& axis, double radius);
+
+    static double distribution_quality_cone(const giPoint3coDynArr& points, const giPoint3& apex,
+                                            const giVector3& axis, double half_angle);
+    static double distribution_quality_probed_cone(const giPoint3coDynArr& points,
+                                                   const doublecoDynArr& probe_radii, int inside,
+                                                   const giPoint3coDynArr& contact_points,
+                                                   const giPoint3& apex, const giVector3& axis,
+                                                   double half_angle);
 
     static double distribution_quality_line(const giPoint2coDynArr& points, const giPoint2& point,
                                             const giUnitVec2& direction);

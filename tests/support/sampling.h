@@ -115,4 +115,25 @@ inline giPoint3coDynArr cylinder_points(int n, double r, double length, double s
     return pts;
 }
 
+// n points on the cone with its apex at the origin, opening along -z (so the
+// axis pointing towards the apex is +z) with half angle `half_degrees`: slant
+// distances from the apex uniform in [s0, s1], angles uniform in the sector
+// of `sector_degrees` centred on +x, moved along the outward normal by normal
+// noise sigma. When normals is given it receives those outward normals.
+inline giPoint3coDynArr cone_points(int n, double half_degrees, double s0, double s1,
+                                    double sector_degrees, double sigma, std::uint64_t seed,
+                                    giUnitVec3coDynArr* normals = nullptr) {
+    Rng rng(seed);
+    giPoint3coDynArr pts;
+    const double a = half_degrees * kPi / 180.0, sa = std::sin(a), ca = std::cos(a);
+    const double half = 0.5 * sector_degrees * kPi / 180.0;
+    for (int i = 0; i < n; ++i) {
+        const double phi = rng.uniform(-half, half), s = rng.uniform(s0, s1);
+        const double e = rng.normal(sigma), c = std::cos(phi), sn = std::sin(phi);
+        pts.append(giPoint3(s * sa * c + e * ca * c, s * sa * sn + e * ca * sn, -s * ca + e * sa));
+        if (normals) normals->append(giUnitVec3(ca * c, ca * sn, sa));
+    }
+    return pts;
+}
+
 }  // namespace testsupport
