@@ -180,10 +180,10 @@ TEST(ConeNonPhysical, CylindersAndPlanesOnlyByTheSelectionRule) {
     // Points of a cylinder: the cone that fits them is nearly a cylinder.
     const giPoint3coDynArr cylinder = testsupport::cylinder_points(60, 5.0, 20.0, 360.0, 1e-3, 5);
     Cone c;
-    if (fit(cylinder, c)) {
-        EXPECT_LT(c.half_angle, 0.05);
-        EXPECT_LT(c.rms, 2e-3);
-    }
+    ASSERT_EQ(fit(cylinder, c), 1);
+    EXPECT_LT(c.half_angle, 0.05);
+    EXPECT_LT(c.rms, 2e-3);
+    EXPECT_GT(distance(c.apex, giPoint3(0, 0, 10)), 1e3);
     // A nearly flat cone (89.5 degrees), measured ring by ring so that the
     // two-circle start finds it: it lands in the non-physical class and is
     // reported because it fits clearly better than any physical cone.
