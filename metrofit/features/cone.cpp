@@ -45,6 +45,12 @@ void tsLeastSquareCone::set_parameters(const mlVector& p) {
     if (p.size() < 8) return;
     sin_ = std::sin(p[7]);
     cos_ = std::cos(p[7]);
+    const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
+    for (int k = 0; k < 3; ++k) {
+        c_[k] = p[k];
+        u_[k] = length > 0.0 ? p[3 + k] / length : (k == 0 ? 1.0 : 0.0);
+    }
+    inv_length_ = length > 0.0 ? 1.0 / length : 1.0;
 }
 
 void tsLeastSquareCone::normalize_parameters(mlVector& p) const {
@@ -88,18 +94,15 @@ void tsLeastSquareCone::normalize_parameters(mlVector& p) const {
 }
 
 void tsLeastSquareCone::get_distance(double& d, int i) const {
-    const mlVector& p = parameters();
-    const giPoint3 c(p[0], p[1], p[2]);
-    const giVector3 axis(p[3], p[4], p[5]);
-    d = F(c, axis, point(i)) * cos_ + G(c, axis, point(i)) * sin_ - p[6];
+    const giPoint3& q = point(i);
+    const double g = u_[0] * (q.x() - c_[0]) + u_[1] * (q.y() - c_[1]) + u_[2] * (q.z() - c_[2]);
+    d = line_distance(c_, u_, q) * cos_ + g * sin_ - parameters()[6];
 }
 
 void tsLeastSquareCone::get_distance_and_gradient(double& d, mlVector& gradient, int i) const {
-    const mlVector& p = parameters();
     double f = 0.0, g = 0.0, df[6], dg[6];
-    F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giVector3(p[3], p[4], p[5]), point(i), f, df, g,
-                        dg);
-    d = f * cos_ + g * sin_ - p[6];
+    line_terms(c_, u_, inv_length_, point(i), f, df, g, dg);
+    d = f * cos_ + g * sin_ - parameters()[6];
     if (gradient.size() < 8) gradient[7] = 0.0;
     double* out = gradient.data();
     for (int j = 0; j < 6; ++j) out[j] = cos_ * df[j] + sin_ * dg[j];

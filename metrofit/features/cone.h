@@ -90,7 +90,9 @@ class tsLeastSquareCone : public tsLeastSquareDistance3 {
     // Keeps a reference to points: the array must outlive the model.
     explicit tsLeastSquareCone(const giPoint3coDynArr& points);
 
-    void set_parameters(const mlVector& p) override;  // caches sin a and cos a
+    // Stores p and keeps sin a, cos a, the reference point, the unit axis and
+    // 1 / |axis| for the distances.
+    void set_parameters(const mlVector& p) override;
     void normalize_parameters(mlVector& p) const override;
     void get_distance_and_gradient(double& d, mlVector& gradient, int i) const override;
     void get_distance(double& d, int i) const override;
@@ -105,6 +107,9 @@ class tsLeastSquareCone : public tsLeastSquareDistance3 {
 
    protected:
     double sin_ = 0.0, cos_ = 1.0;
+    double c_[3] = {0.0, 0.0, 0.0};
+    double u_[3] = {1.0, 0.0, 0.0};
+    double inv_length_ = 1.0;
 };
 
 giUnitVec3 tsGetConeNormal(const giPoint3& apex, const giUnitVec3& axis, const giAngle& half_angle,

@@ -350,17 +350,25 @@ void tsLeastSquareCylinder::normalize_parameters(mlVector& p) const {
     p[5] = dz;
 }
 
+void tsLeastSquareCylinder::set_parameters(const mlVector& p) {
+    mlDistanceLeastSquares::set_parameters(p);
+    if (p.size() < 7) return;
+    const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
+    for (int k = 0; k < 3; ++k) {
+        c_[k] = p[k];
+        u_[k] = length > 0.0 ? p[3 + k] / length : (k == 0 ? 1.0 : 0.0);
+    }
+    inv_length_ = length > 0.0 ? 1.0 / length : 1.0;
+}
+
 void tsLeastSquareCylinder::get_distance(double& d, int i) const {
-    const mlVector& p = parameters();
-    d = F(giPoint3(p[0], p[1], p[2]), giVector3(p[3], p[4], p[5]), point(i)) - p[6];
+    d = line_distance(c_, u_, point(i)) - parameters()[6];
 }
 
 void tsLeastSquareCylinder::get_distance_and_gradient(double& d, mlVector& gradient, int i) const {
-    const mlVector& p = parameters();
     double f = 0.0, g = 0.0, df[6], dg[6];
-    F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giVector3(p[3], p[4], p[5]), point(i), f, df, g,
-                        dg);
-    d = f - p[6];
+    line_terms(c_, u_, inv_length_, point(i), f, df, g, dg);
+    d = f - parameters()[6];
     if (gradient.size() < 7) gradient[6] = 0.0;
     double* out = gradient.data();
     for (int j = 0; j < 6; ++j) out[j] = df[j];

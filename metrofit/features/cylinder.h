@@ -97,6 +97,9 @@ class tsLeastSquareCylinder : public tsLeastSquareDistance3 {
     // Keeps a reference to points: the array must outlive the model.
     explicit tsLeastSquareCylinder(const giPoint3coDynArr& points);
 
+    // Stores p and keeps the axis point, the unit axis and 1 / |a| for the
+    // distances.
+    void set_parameters(const mlVector& p) override;
     void normalize_parameters(mlVector& p) const override;
     void get_distance_and_gradient(double& d, mlVector& gradient, int i) const override;
     void get_distance(double& d, int i) const override;
@@ -108,6 +111,11 @@ class tsLeastSquareCylinder : public tsLeastSquareDistance3 {
                                     const giUnitVec3coDynArr& normals, mlVector& parameters);
     static void add_distinct_result(const tsFittedCylinder& result, double tolerance,
                                     giAngle angle_tolerance, tsFittedCylindercoDynArr& results);
+
+   protected:
+    double c_[3] = {0.0, 0.0, 0.0};
+    double u_[3] = {1.0, 0.0, 0.0};
+    double inv_length_ = 1.0;
 };
 
 int tsCalculateLeastSquareCylinder(const giPoint3coDynArr& points, giPoint3& axis_point,

@@ -57,9 +57,19 @@ class tsLeastSquareDistance3 : public mlDistanceLeastSquares {
     // a.y, a.z); dF and dG receive six values each.
     static void F_G_and_derivatives(const giPoint3& P, const giVector3& a, const giPoint3& Q,
                                     double& F, double* dF, double& G, double* dG) {
-        const double wx = Q.x() - P.x(), wy = Q.y() - P.y(), wz = Q.z() - P.z();
         const double na = std::sqrt(a.x() * a.x() + a.y() * a.y() + a.z() * a.z());
-        const double ux = a.x() / na, uy = a.y() / na, uz = a.z() / na;
+        const double u[3] = {a.x() / na, a.y() / na, a.z() / na};
+        const double p[3] = {P.x(), P.y(), P.z()};
+        line_terms(p, u, 1.0 / na, Q, F, dF, G, dG);
+    }
+
+    // The same for models that keep the axis point p, the unit axis u and
+    // 1 / |a| of their current parameters, so that no point pays for the
+    // normalisation.
+    static void line_terms(const double* p, const double* u, double inv_length,
+                           const giPoint3& Q, double& F, double* dF, double& G, double* dG) {
+        const double wx = Q.x() - p[0], wy = Q.y() - p[1], wz = Q.z() - p[2];
+        const double ux = u[0], uy = u[1], uz = u[2];
         G = ux * wx + uy * wy + uz * wz;
         const double rx = wx - G * ux, ry = wy - G * uy, rz = wz - G * uz;
         // |u x w| rather than |r|: the cross product keeps its relative
@@ -69,11 +79,11 @@ class tsLeastSquareDistance3 : public mlDistanceLeastSquares {
         dG[0] = -ux;
         dG[1] = -uy;
         dG[2] = -uz;
-        dG[3] = rx / na;
-        dG[4] = ry / na;
-        dG[5] = rz / na;
+        dG[3] = rx * inv_length;
+        dG[4] = ry * inv_length;
+        dG[5] = rz * inv_length;
         if (F > 0.0) {
-            const double inv_f = 1.0 / F, k = -G * inv_f / na;
+            const double inv_f = 1.0 / F, k = -G * inv_f * inv_length;
             dF[0] = -rx * inv_f;
             dF[1] = -ry * inv_f;
             dF[2] = -rz * inv_f;
@@ -83,6 +93,14 @@ class tsLeastSquareDistance3 : public mlDistanceLeastSquares {
         } else {
             for (int j = 0; j < 6; ++j) dF[j] = 0.0;
         }
+    }
+
+    // F alone from cached terms.
+    static double line_distance(const double* p, const double* u, const giPoint3& Q) {
+        const double wx = Q.x() - p[0], wy = Q.y() - p[1], wz = Q.z() - p[2];
+        const double cx = u[1] * wz - u[2] * wy, cy = u[2] * wx - u[0] * wz,
+                     cz = u[0] * wy - u[1] * wx;
+        return std::sqrt(cx * cx + cy * cy + cz * cz);
     }
 
    private:
