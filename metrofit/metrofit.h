@@ -1,6 +1,7 @@
 // Umbrella header: every public header of metrofit.
 #pragma once
 
+#include "metrofit/features/axial_common.h"
 #include "metrofit/features/circle.h"
 #include "metrofit/features/cone.h"
 #include "metrofit/features/cone_guess.h"
@@ -14,7 +15,6 @@
 #include "metrofit/features/projected_circles.h"
 #include "metrofit/features/random_directions.h"
 #include "metrofit/features/sphere.h"
-#include "metrofit/features/update_mode.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/frame/least_square_distance.h"

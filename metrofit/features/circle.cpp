@@ -3,6 +3,7 @@
 #include <cfloat>
 #include <cmath>
 
+#include "metrofit/features/axial_common.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/platform/geometry/xform.h"
 #include "metrofit/platform/maths/least_squares.h"
@@ -272,16 +273,7 @@ void tsLeastSquareCircle3::set_parameters(const mlVector& p) {
 }
 
 void tsLeastSquareCircle3::normalize_parameters(mlVector& p) const {
-    if (p.size() < 7) return;
-    const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
-    if (length > 0.0) {
-        p[3] /= length;
-        p[4] /= length;
-        p[5] /= length;
-    } else {
-        p[3] = 1.0;
-        p[4] = p[5] = 0.0;
-    }
+    if (p.size() >= 7) ts_unit_axis(p);
 }
 
 void tsLeastSquareCircle3::parameter_scales(mlVector& scales) const {

@@ -4,9 +4,9 @@
 #include <cfloat>
 #include <cmath>
 
+#include "metrofit/features/axial_common.h"
 #include "metrofit/features/cone_guess.h"
 #include "metrofit/features/probed_cone.h"
-#include "metrofit/features/update_mode.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/platform/maths/least_squares.h"
 
@@ -55,16 +55,7 @@ void tsLeastSquareCone::set_parameters(const mlVector& p) {
 
 void tsLeastSquareCone::normalize_parameters(mlVector& p) const {
     if (p.size() < 8) return;
-    double dx = p[3], dy = p[4], dz = p[5];
-    const double length = std::sqrt(dx * dx + dy * dy + dz * dz);
-    if (length > 0.0) {
-        dx /= length;
-        dy /= length;
-        dz /= length;
-    } else {
-        dx = 1.0;
-        dy = dz = 0.0;
-    }
+    ts_unit_axis(p);
     // The half angle into [0, pi/2]: a and a + pi describe the same double
     // cone with h reversed; a and pi - a the same cone about the reversed
     // axis.
@@ -76,19 +67,11 @@ void tsLeastSquareCone::normalize_parameters(mlVector& p) const {
     }
     if (a > 0.5 * kPi) {
         a = kPi - a;
-        dx = -dx;
-        dy = -dy;
-        dz = -dz;
+        for (int k = 3; k < 6; ++k) p[k] = -p[k];
         h = -h;
     }
-    // C to the foot of the origin; moving C by -t u changes every G by +t.
-    const double t = dx * p[0] + dy * p[1] + dz * p[2];
-    p[0] -= t * dx;
-    p[1] -= t * dy;
-    p[2] -= t * dz;
-    p[3] = dx;
-    p[4] = dy;
-    p[5] = dz;
+    // Moving C against the axis by t raises every G by t; h follows.
+    const double t = ts_axis_point_to_origin(p);
     p[6] = h + std::sin(a) * t;
     p[7] = a;
 }
@@ -132,26 +115,14 @@ int tsLeastSquareCone::are_normals_in_limit(const giPoint3coDynArr& points, cons
     const giUnitVec3 u(parameters[3], parameters[4], parameters[5]);
     if (!u.is_set()) return 0;
     if (nominal_axis.is_set() && std::fabs(dot(u, nominal_axis)) < angle.cos()) return 0;
-    const int n = normals.size();
-    if (n == 0) return 1;
+    if (normals.size() == 0) return 1;
     const giPoint3 apex = giPoint3(parameters[0], parameters[1], parameters[2]) +
                           (parameters[6] / std::sin(parameters[7])) * u;
     const giAngle half_angle(giANGLE_RADIANS, parameters[7]);
-    const double limit = angle.radians();
-    // Pass 0: the cone's outward normals (a boss); pass 1: reversed (a
-    // countersink).
-    for (int side = 0; side < 2; ++side) {
-        const double sense = side == 0 ? 1.0 : -1.0;
-        bool all_within = true;
-        for (int i = 0; i < n && i < points.size() && all_within; ++i) {
-            const giVector3 normal = sense * tsGetConeNormal(apex, u, half_angle, points[i]);
-            const giVector3 across = cross(normal, normals[i]);
-            all_within =
-                std::atan2(std::sqrt(dot(across, across)), dot(normal, normals[i])) <= limit;
-        }
-        if (all_within) return 1;
-    }
-    return 0;
+    // The cone's outward normals (a boss), or all reversed (a countersink).
+    return ts_directions_agree(normals, points.size(), angle, [&](int i) {
+        return giVector3(tsGetConeNormal(apex, u, half_angle, points[i]));
+    });
 }
 
 void tsLeastSquareCone::add_distinct_result(const tsFittedCone& result, double tolerance,
@@ -219,37 +190,17 @@ double tsLeastSquareEvaluator::set_cone_non_physical_tolerance(double tolerance)
 
 namespace {
 
-struct Best {
-    double value = DBL_MAX;
-    mlVector p;
-
-    void offer(double v, const mlVector& q) {
-        if (v < value) {
-            value = v;
-            p = q;
-        }
-    }
-};
-
 // The best results of one class of cones (physical or not): accepted by the
 // normals and nominal-axis test, and regardless of it.
 struct ClassBests {
-    Best accepted, all;
+    tsAxialBest accepted, all;
 
     // The accepted result, unless the unconstrained one is better by more
     // than the given RMS margin.
-    const Best& chosen(double margin) const {
+    const tsAxialBest& chosen(double margin) const {
         return std::sqrt(accepted.value) - std::sqrt(all.value) > margin ? all : accepted;
     }
 };
-
-bool normals_ok(const giPoint3coDynArr& points, const giUnitVec3coDynArr& normals) {
-    if (normals.size() == 0) return true;
-    if (normals.size() != points.size()) return false;
-    for (const giUnitVec3& v : normals)
-        if (!v.is_set() || !v.is_finite()) return false;
-    return true;
-}
 
 // The cone's outputs from parameters found in coordinates shifted by -shift:
 // axis towards the apex, apex, half angle. False for a cone without a finite
@@ -352,8 +303,8 @@ int fit_cone(const giPoint3coDynArr& guess_points, tsLeastSquareCone& model, con
     }
 
     if (physical.all.value == DBL_MAX && other.all.value == DBL_MAX) return 0;
-    const Best& real = physical.chosen(kPreferAll * range);
-    const Best& flat = other.chosen(kPreferAll * range);
+    const tsAxialBest& real = physical.chosen(kPreferAll * range);
+    const tsAxialBest& flat = other.chosen(kPreferAll * range);
     // A nearly cylindrical or nearly flat cone is reported only when it fits
     // clearly better, or better than a physical cone that is itself close to
     // the limits.
@@ -362,14 +313,10 @@ int fit_cone(const giPoint3coDynArr& guess_points, tsLeastSquareCone& model, con
         const double a = std::fabs(real.p[7]);
         take_flat = a < 2.0 * non_physical || a > 0.5 * kPi - 2.0 * non_physical;
     }
-    const Best& chosen = take_flat ? flat : real;
+    const tsAxialBest& chosen = take_flat ? flat : real;
     if (!cone_outputs(chosen.p, shift, apex, axis, half_angle)) return 0;
     deviation = std::sqrt(chosen.value);
     return 1;
-}
-
-bool radii_ok(const giPoint3coDynArr& points, const doublecoDynArr& radii) {
-    return radii.size() == points.size() && ts_all_finite(radii);
 }
 
 }  // namespace
@@ -378,7 +325,8 @@ int tsCalculateLeastSquareCone(const giPoint3coDynArr& points, giPoint3& apex, g
                                double& half_angle, double& deviation,
                                const giUnitVec3& nominal_axis, const giAngle& angle,
                                const giUnitVec3coDynArr& normals, int n_added) {
-    if (points.size() < kMinPoints || !ts_all_finite(points) || !normals_ok(points, normals))
+    if (points.size() < kMinPoints || !ts_all_finite(points) ||
+        !ts_normals_fit_points(points, normals))
         return 0;
     const giVector3 shift = centroid_of(points);
     const giPoint3coDynArr centred = shifted(points, shift);
@@ -446,8 +394,9 @@ int tsCalculateLeastSquareProbedCone(const giPoint3coDynArr& points, const doubl
                                      double& deviation, const giUnitVec3& nominal_axis,
                                      const giAngle& angle, const giUnitVec3coDynArr& normals,
                                      int n_added) {
-    if (points.size() < kMinPoints || !ts_all_finite(points) || !radii_ok(points, radii) ||
-        !ts_all_finite(guess_points) || !normals_ok(points, normals))
+    if (points.size() < kMinPoints || !ts_all_finite(points) ||
+        !ts_radii_fit_points(points, radii) || !ts_all_finite(guess_points) ||
+        !ts_normals_fit_points(points, normals))
         return 0;
     const giVector3 shift = centroid_of(points);
     const giPoint3coDynArr centred = shifted(points, shift);

@@ -34,7 +34,7 @@
 //   the apex, half_angle in radians.
 //   - n_added != 0 (negative, or at most n - 6): update of the previous cone
 //     held in the outputs, started as (apex, axis, 0, half angle); see
-//     update_mode.h. A failed test falls back to the full search.
+//     axial_common.h. A failed test falls back to the full search.
 //   - Full search: sweeps of start values from tsConeGuessGenerator (from the
 //     normals, in the first sweep only; from two circles; six fixed-axis
 //     searches), each refined by one solver run. Sweep 0 takes every axis;

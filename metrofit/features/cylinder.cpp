@@ -4,10 +4,10 @@
 #include <cfloat>
 #include <cmath>
 
+#include "metrofit/features/axial_common.h"
 #include "metrofit/features/probed_cylinder.h"
 #include "metrofit/features/projected_circles.h"
 #include "metrofit/features/random_directions.h"
-#include "metrofit/features/update_mode.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/platform/geometry/circle.h"
 #include "metrofit/platform/geometry/xform.h"
@@ -102,26 +102,6 @@ giVector3 search_start_direction(const giPoint3coDynArr& points, tsProjectedCirc
 // ---------------------------------------------------------------------------
 // The search
 
-struct Best {
-    double value = DBL_MAX;
-    mlVector p;
-
-    void offer(double v, const mlVector& q) {
-        if (v < value) {
-            value = v;
-            p = q;
-        }
-    }
-};
-
-bool normals_ok(const giPoint3coDynArr& points, const giUnitVec3coDynArr& normals) {
-    if (normals.size() == 0) return true;
-    if (normals.size() != points.size()) return false;
-    for (const giUnitVec3& v : normals)
-        if (!v.is_set() || !v.is_finite()) return false;
-    return true;
-}
-
 bool finite_cylinder(const giPoint3& point, const giUnitVec3& axis, double radius) {
     return point.is_set() && point.is_finite() && axis.is_set() && axis.is_finite() &&
            std::isfinite(radius);
@@ -149,7 +129,7 @@ class CylinderSearch {
     bool search(const giVector3& initial, mlVector& result, double& value) {
         const double range = model_.range();
         const giAngle start_angle(1, kStartNormalsDeg);
-        Best accepted, all;
+        tsAxialBest accepted, all;
 
         // Deterministic starts.
         attempt(initial, start_angle, accepted, all);
@@ -186,7 +166,7 @@ class CylinderSearch {
         }
 
         if (accepted.value == DBL_MAX && all.value == DBL_MAX) return false;
-        const Best& chosen =
+        const tsAxialBest& chosen =
             std::sqrt(accepted.value) - std::sqrt(all.value) > kPreferAll * range ? all : accepted;
         result = chosen.p;
         value = chosen.value;
@@ -195,8 +175,8 @@ class CylinderSearch {
 
    private:
     // Circle fit along u, one solver run from it, and the two bests.
-    void attempt(const giVector3& direction, const giAngle& normals_angle, Best& accepted,
-                 Best& all) {
+    void attempt(const giVector3& direction, const giAngle& normals_angle, tsAxialBest& accepted,
+                 tsAxialBest& all) {
         const giUnitVec3 u(direction);
         if (!u.is_set()) return;
         tsProjectedCircle c;
@@ -236,7 +216,8 @@ class CylinderSearch {
     // generator seeded 1, those within the cone around the reference (when
     // min_cos > -1) screened by their projected circles; the batch's best
     // starts one solver run.
-    void sweep(const giUnitVec3& reference, double min_cos, Best& accepted, Best& all) {
+    void sweep(const giUnitVec3& reference, double min_cos, tsAxialBest& accepted,
+               tsAxialBest& all) {
         mlRandom random(1);
         const bool restricted = reference.is_set();
         mlVector start;
@@ -309,10 +290,6 @@ int fit_cylinder(const giPoint3coDynArr& points, tsLeastSquareCylinder& model,
     return 1;
 }
 
-bool radii_ok(const giPoint3coDynArr& points, const doublecoDynArr& radii) {
-    return radii.size() == points.size() && ts_all_finite(radii);
-}
-
 // The probe radii with the sign the probed distance adds them with.
 doublecoDynArr signed_radii(const doublecoDynArr& radii, int inside) {
     doublecoDynArr s(radii);
@@ -331,23 +308,8 @@ tsLeastSquareCylinder::tsLeastSquareCylinder(const giPoint3coDynArr& points)
 
 void tsLeastSquareCylinder::normalize_parameters(mlVector& p) const {
     if (p.size() < 7) return;
-    double dx = p[3], dy = p[4], dz = p[5];
-    const double length = std::sqrt(dx * dx + dy * dy + dz * dz);
-    if (length > 0.0) {
-        dx /= length;
-        dy /= length;
-        dz /= length;
-    } else {
-        dx = 1.0;
-        dy = dz = 0.0;
-    }
-    const double t = dx * p[0] + dy * p[1] + dz * p[2];
-    p[0] -= t * dx;
-    p[1] -= t * dy;
-    p[2] -= t * dz;
-    p[3] = dx;
-    p[4] = dy;
-    p[5] = dz;
+    ts_unit_axis(p);
+    ts_axis_point_to_origin(p);
 }
 
 void tsLeastSquareCylinder::set_parameters(const mlVector& p) {
@@ -403,26 +365,14 @@ int tsLeastSquareCylinder::are_normals_in_limit(const giPoint3coDynArr& points,
     const giUnitVec3 u(parameters[3], parameters[4], parameters[5]);
     if (!u.is_set()) return 0;
     if (nominal_axis.is_set() && std::fabs(dot(u, nominal_axis)) < angle.cos()) return 0;
-    const int n = normals.size();
-    if (n == 0) return 1;
+    if (normals.size() == 0) return 1;
+    // The radial directions, outward (a boss) or all inward (a bore); a
+    // point on the axis has none and cannot confirm a side.
     const giPoint3 c(parameters[0], parameters[1], parameters[2]);
-    const double limit = angle.radians();
-    // Pass 0: every radial direction within the limit of its normal (a boss);
-    // pass 1: of its reversed normal (a bore).
-    for (int side = 0; side < 2; ++side) {
-        const double sense = side == 0 ? 1.0 : -1.0;
-        bool all_within = true;
-        for (int i = 0; i < n && i < points.size() && all_within; ++i) {
-            const giVector3 w = points[i] - c;
-            const giVector3 radial = sense * (w - dot(u, w) * u);
-            const giVector3 across = cross(radial, normals[i]);
-            const double turn = std::atan2(std::sqrt(dot(across, across)), dot(radial, normals[i]));
-            // No radial direction on the axis: the point cannot confirm a side.
-            all_within = dot(radial, radial) > 0.0 && turn <= limit;
-        }
-        if (all_within) return 1;
-    }
-    return 0;
+    return ts_directions_agree(normals, points.size(), angle, [&](int i) {
+        const giVector3 w = points[i] - c;
+        return w - dot(u, w) * u;
+    });
 }
 
 void tsLeastSquareCylinder::add_distinct_result(const tsFittedCylinder& result, double tolerance,
@@ -447,7 +397,8 @@ int tsCalculateLeastSquareCylinder(const giPoint3coDynArr& points, giPoint3& axi
                                    giUnitVec3& axis_dir, double& radius, double& deviation,
                                    const giUnitVec3& nominal_axis, const giAngle& angle,
                                    const giUnitVec3coDynArr& normals, int n_added) {
-    if (points.size() < kMinPoints || !ts_all_finite(points) || !normals_ok(points, normals))
+    if (points.size() < kMinPoints || !ts_all_finite(points) ||
+        !ts_normals_fit_points(points, normals))
         return 0;
     tsLeastSquareCylinder model(points);
     tsProjectedCircles circles(points, nullptr);
@@ -548,7 +499,8 @@ void tsLeastSquareProbedCylinder::get_distance_and_gradient(double& d, mlVector&
 
 int tsCylinder_InitialSolutionProbed(const giPoint3coDynArr& points, const doublecoDynArr& radii,
                                      int inside, giVector3& direction) {
-    if (points.size() < 3 || !ts_all_finite(points) || !radii_ok(points, radii)) return 0;
+    if (points.size() < 3 || !ts_all_finite(points) || !ts_radii_fit_points(points, radii))
+        return 0;
     const doublecoDynArr offsets = signed_radii(radii, inside);
     tsProjectedCircles circles(points, offsets.data());
     direction = search_start_direction(points, circles);
@@ -561,8 +513,8 @@ int tsCalculateLeastSquareProbedCylinder(const giPoint3coDynArr& points,
                                          double& deviation, const giUnitVec3& nominal_axis,
                                          const giAngle& angle, const giUnitVec3coDynArr& normals,
                                          int n_added) {
-    if (points.size() < kMinPoints || !ts_all_finite(points) || !radii_ok(points, radii) ||
-        !normals_ok(points, normals))
+    if (points.size() < kMinPoints || !ts_all_finite(points) ||
+        !ts_radii_fit_points(points, radii) || !ts_normals_fit_points(points, normals))
         return 0;
     tsLeastSquareProbedCylinder model(points, radii, inside);
     tsProjectedCircles circles(points, model.probe_radii().data());

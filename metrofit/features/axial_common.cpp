@@ -1,4 +1,4 @@
-#include "metrofit/features/update_mode.h"
+#include "metrofit/features/axial_common.h"
 
 #include <algorithm>
 #include <cfloat>
@@ -58,4 +58,39 @@ int tsRefineWithAddedPoints(tsLeastSquareDistance3& model, mlLevenbergMarquardt&
     result = refined;
     value = v;
     return 1;
+}
+
+bool ts_normals_fit_points(const giPoint3coDynArr& points, const giUnitVec3coDynArr& normals) {
+    if (normals.size() == 0) return true;
+    if (normals.size() != points.size()) return false;
+    for (const giUnitVec3& v : normals)
+        if (!v.is_set() || !v.is_finite()) return false;
+    return true;
+}
+
+bool ts_radii_fit_points(const giPoint3coDynArr& points, const doublecoDynArr& radii) {
+    if (radii.size() != points.size()) return false;
+    for (const double r : radii)
+        if (!std::isfinite(r)) return false;
+    return true;
+}
+
+void ts_unit_axis(mlVector& p) {
+    const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
+    if (length > 0.0) {
+        p[3] /= length;
+        p[4] /= length;
+        p[5] /= length;
+    } else {
+        p[3] = 1.0;
+        p[4] = p[5] = 0.0;
+    }
+}
+
+double ts_axis_point_to_origin(mlVector& p) {
+    const double t = p[3] * p[0] + p[4] * p[1] + p[5] * p[2];
+    p[0] -= t * p[3];
+    p[1] -= t * p[4];
+    p[2] -= t * p[5];
+    return t;
 }
