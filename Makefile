@@ -51,7 +51,7 @@ consumer: build
 
 # Fits every sample file in examples/ with the command-line tool.
 demo: build
-	@for f in sphere circle2 circle3 plane line2 line3 cylinder; do \
+	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone; do \
 	  echo "== metrofit fit $$f examples/$$f.txt"; \
 	  $(BUILD)/tools/metrofit/metrofit fit $$f examples/$$f.txt || exit 1; \
 	  echo; \

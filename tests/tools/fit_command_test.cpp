@@ -72,6 +72,17 @@ std::vector<double> json_numbers(const std::string& json, const std::string& key
     return v;
 }
 
+// The figures of a JSON report on 60 points with noise sigma 0.001: the
+// RMS near sigma, a form spanning several sigma, a positive quality.
+void expect_noise_figures(const std::string& json) {
+    EXPECT_EQ(json_numbers(json, "points").at(0), 60);
+    EXPECT_NEAR(json_numbers(json, "rms").at(0), 0.001, 4e-4);
+    const double form = json_numbers(json, "form_deviation").at(0);
+    EXPECT_GT(form, 2e-3);  // max - min of 60 residuals spans several sigma
+    EXPECT_LT(form, 1e-2);
+    EXPECT_GT(json_numbers(json, "distribution_quality").at(0), 0.0);
+}
+
 // ---- arguments ---------------------------------------------------------------
 
 struct UsageCase {
@@ -116,16 +127,24 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"fit", "cylinder", "f", "--axis", "0,0,1", "--angle", "0"}, "above 0"},
         UsageCase{{"fit", "cylinder", "f", "--normals", "n", "--angle", "91"}, "at most 90"},
         UsageCase{{"fit", "cylinder", "f", "--angle", "5"}, "needs --axis or --normals"},
-        UsageCase{{"fit", "sphere", "f", "--normals", "n"}, "cylinder only"},
+        UsageCase{{"fit", "sphere", "f", "--normals", "n"}, "applies to cylinder and cone only"},
         UsageCase{{"fit", "cylinder", "-", "--normals", "-"}, "both come from standard input"},
-        UsageCase{{"fit", "cylinder", "f", "--normals", "/nonexistent/n.txt"}, "cannot open"}));
+        UsageCase{{"fit", "cylinder", "f", "--normals", "/nonexistent/n.txt"}, "cannot open"},
+        // The cone takes the cylinder's axial options under the same rules.
+        UsageCase{{"fit", "cone", "f", "--axis", "0,0,0"}, "non-zero length"},
+        UsageCase{{"fit", "cone", "f", "--axis", "0,0,1", "--angle", "90.5"}, "at most 90"},
+        UsageCase{{"fit", "cone", "f", "--angle", "5"}, "needs --axis or --normals"},
+        UsageCase{{"fit", "cone", "-", "--normals", "-"}, "both come from standard input"},
+        UsageCase{{"fit", "cone", "f", "--inside"}, "--inside needs --probe-radius"},
+        UsageCase{{"fit", "cones", "f"}, "unknown feature 'cones'"},
+        UsageCase{{"fit", "circle3", "f", "--axis", "0,0,1"}, "cylinder and cone only"}));
 
 TEST(ToolHelp, DescribesEveryFeatureAndTheProbeColumns) {
     const ToolRun r = run_tool({"--help"});
     EXPECT_EQ(r.status, kExitOk);
-    for (const char* word :
-         {"line2", "line3", "plane", "circle2", "circle3", "sphere", "cylinder", "--probe-radius",
-          "--inside", "--json", "x y z nx ny nz", "--normals", "--axis", "--angle"})
+    for (const char* word : {"line2", "line3", "plane", "circle2", "circle3", "sphere", "cylinder",
+                             "cone", "apex", "half_angle", "--probe-radius", "--inside", "--json",
+                             "x y z nx ny nz", "--normals", "--axis", "--angle"})
         EXPECT_NE(r.out.find(word), std::string::npos) << word;
     EXPECT_EQ(run_tool({"fit", "sphere", "f", "-h"}).status, kExitOk);
     EXPECT_EQ(run_tool({"--version"}).status, kExitOk);
@@ -157,6 +176,10 @@ TEST(ToolInput, RefusedFitGivesStatusOneAndAReason) {
     EXPECT_TRUE(few.out.empty());
     EXPECT_NE(few.err.find("needs at least 4 points; the file has 3"), std::string::npos)
         << few.err;
+    const ToolRun cone =
+        run_tool({"fit", "cone", "-"}, rows(testsupport::plane_points(5, 1, 2, 0, 4)));
+    EXPECT_EQ(cone.status, kExitRefused);
+    EXPECT_NE(cone.err.find("needs at least 6 points; the file has 5"), std::string::npos);
     const ToolRun none = run_tool({"fit", "line2", "-", "--json"}, "# empty\n");
     EXPECT_EQ(none.status, kExitRefused);
     EXPECT_NE(none.err.find("the file has 0"), std::string::npos);
@@ -255,7 +278,6 @@ TEST(ToolFit, CylinderRecoversAxisRadiusAndCentroidFoot) {
             run_tool({"fit", "cylinder", "-", "--json", "--axis", arg(sense * axis)}, rows(pts));
         ASSERT_EQ(r.status, kExitOk) << r.err;
         EXPECT_TRUE(r.err.empty()) << r.err;
-        EXPECT_EQ(json_numbers(r.out, "points").at(0), 60);
         // Axis within 1e-4 rad (noise 0.001 over a length of 40), in the
         // sense asked for; the point on the true axis, level with the
         // centroid (a few sigma / sqrt(n)).
@@ -265,11 +287,7 @@ TEST(ToolFit, CylinderRecoversAxisRadiusAndCentroidFoot) {
         EXPECT_LT(cross(axis, at).length(), 2e-3);
         EXPECT_NEAR(dot(axis, at - centroid), 0.0, 2e-3);
         EXPECT_NEAR(json_numbers(r.out, "radius").at(0), 12.5, 1e-3);
-        EXPECT_NEAR(json_numbers(r.out, "rms").at(0), 0.001, 4e-4);
-        const double form = json_numbers(r.out, "form_deviation").at(0);
-        EXPECT_GT(form, 2e-3);  // max - min of 60 residuals spans several sigma
-        EXPECT_LT(form, 1e-2);
-        EXPECT_GT(json_numbers(r.out, "distribution_quality").at(0), 0.0);
+        expect_noise_figures(r.out);
     }
     const ToolRun off =
         run_tool({"fit", "cylinder", "-", "--axis", arg(axis.any_normal())}, rows(pts));
@@ -278,18 +296,16 @@ TEST(ToolFit, CylinderRecoversAxisRadiusAndCentroidFoot) {
     EXPECT_NE(off.err.find("beyond the 10 degrees"), std::string::npos) << off.err;
 }
 
-// Normals are matched to the points by order: a shaft's or a bore's fit
-// without remark, normals the fit cannot follow with a warning, a count
-// or a zero normal that cannot belong to the points with status 2.
-TEST(ToolFit, CylinderNormalsMustBelongToThePoints) {
-    giUnitVec3coDynArr outward;
-    const giPoint3coDynArr pts = testsupport::cylinder_points(40, 5, 20, 300, 0, 21, &outward);
+// Fits the points of `feature` (a cylinder or cone, size its radius or half
+// angle) with normals derived from their outward ones, case by case.
+void check_normals_against(const std::string& feature, const giPoint3coDynArr& pts,
+                           const giUnitVec3coDynArr& outward, double size) {
     PointTable table;
     std::string error;
     std::istringstream point_rows(rows(pts));
     ASSERT_TRUE(read_point_table(point_rows, 3, "x y z", table, error));
     Options o;
-    ASSERT_EQ(parse_options({"fit", "cylinder", "p", "--normals", "n"}, o, error), kExitOk);
+    ASSERT_EQ(parse_options({"fit", feature, "p", "--normals", "n"}, o, error), kExitOk);
     struct Case {
         double sense;  // normals outward (1), inward (-1) or along the axis (0)
         int count;
@@ -319,14 +335,87 @@ TEST(ToolFit, CylinderNormalsMustBelongToThePoints) {
         EXPECT_EQ(said.empty(), c.says.empty()) << said;
         EXPECT_NE(said.find(c.says), std::string::npos) << said;
         if (c.status == kExitOk) {
-            EXPECT_NEAR(report.parameters.at(2).second.at(0), 5.0, 1e-9);
+            EXPECT_NEAR(report.parameters.at(2).second.at(0), size, 1e-9);
         }
+    }
+}
+
+// Normals are matched to the points by order: a shaft's or a bore's fit
+// (a pin's or a countersink's for a cone) without remark, normals the fit
+// cannot follow with a warning, a count or a zero normal that cannot belong
+// to the points with status 2.
+TEST(ToolFit, AxialNormalsMustBelongToThePoints) {
+    for (const std::string feature : {"cylinder", "cone"}) {
+        SCOPED_TRACE(feature);
+        giUnitVec3coDynArr outward;
+        // A cone of half angle 30: its normals lie 60 degrees off the axis.
+        const bool cone = feature == "cone";
+        const giPoint3coDynArr pts =
+            cone ? testsupport::cone_points(40, 30, 10, 30, 300, 0, 22, &outward)
+                 : testsupport::cylinder_points(40, 5, 20, 300, 0, 21, &outward);
+        check_normals_against(feature, pts, outward, cone ? 30.0 : 5.0);
     }
     // The same through the command line, normals on standard input.
     const std::string sample = std::string(METROFIT_TEST_DATA_DIR) + "/../../examples/cylinder.txt";
     const ToolRun r = run_tool({"fit", "cylinder", sample, "--normals", "-"}, "1 0 0\n0 1 0\n");
     EXPECT_EQ(r.status, kExitUsage);
     EXPECT_NE(r.err.find("has 2 normals for 40 points"), std::string::npos) << r.err;
+}
+
+// A 300-degree frustum (slant 10 to 40 from the apex, half angle 25) turned
+// and moved 1e3 from the origin: the tool reports the apex, the axis from
+// the apex into the cone (or in the sense of --axis) and the half angle in
+// degrees; an --axis across the true one draws a warning.
+TEST(ToolFit, ConeRecoversApexAxisSenseAndHalfAngle) {
+    const giXform3 t = testsupport::random_motion(50.0, 1e3, 31);
+    const giPoint3coDynArr pts =
+        testsupport::transformed(t, testsupport::cone_points(60, 25, 10, 40, 300, 0.001, 32));
+    const giVector3 apex = t * giPoint3(giOrigin) - giPoint3(giOrigin);
+    const giUnitVec3 into = t * giUnitVec3(0, 0, -1);  // from the apex towards the points
+    const std::vector<std::string> no_axis, along = {"--axis", arg(into)},
+                                            against = {"--axis", arg(-1.0 * into)};
+    for (const auto& [extra, sense] : {std::pair(no_axis, 1.0), {along, 1.0}, {against, -1.0}}) {
+        std::vector<std::string> args = {"fit", "cone", "-", "--json"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        const ToolRun r = run_tool(args, rows(pts));
+        ASSERT_EQ(r.status, kExitOk) << r.err;
+        EXPECT_TRUE(r.err.empty()) << r.err;
+        // Axis within 1e-4 rad and the half angle within 5e-5 rad (a few
+        // sigma / sqrt(n) over a slant of 30, sigma 0.001, n = 60); the apex,
+        // extrapolated 10 beyond the points, within a few times that lever.
+        EXPECT_GT(dot(vec(json_numbers(r.out, "axis")), sense * into), std::cos(1e-4));
+        EXPECT_LT((vec(json_numbers(r.out, "apex")) - apex).length(), 4e-3);
+        EXPECT_NEAR(json_numbers(r.out, "half_angle").at(0), 25.0, 3e-3);
+        expect_noise_figures(r.out);
+    }
+    const ToolRun off = run_tool({"fit", "cone", "-", "--axis", arg(into.any_normal())}, rows(pts));
+    EXPECT_EQ(off.status, kExitOk);
+    EXPECT_NE(off.out.find("half_angle 2"), std::string::npos) << off.out;
+    EXPECT_NE(off.err.find("no cone within the limit"), std::string::npos) << off.err;
+}
+
+// Ball centres rho off a cone along its normals, outside (a tapered pin)
+// or inside (a countersink): the tool reports the touched cone, not the
+// cone of the centres, whose apex lies rho / sin(30 deg) = 4 along the axis.
+TEST(ToolFit, ProbedConeReportsTheTouchedSurface) {
+    const double rho = 2.0;
+    giUnitVec3coDynArr outward;
+    const giPoint3coDynArr surface = testsupport::cone_points(40, 30, 10, 40, 300, 0, 33, &outward);
+    for (const bool inside : {false, true}) {
+        giPoint3coDynArr centres;
+        for (int i = 0; i < surface.size(); ++i)
+            centres.append(surface[i] + (inside ? -rho : rho) * outward[i]);
+        std::vector<std::string> args = {"fit", "cone", "-", "--json", "--probe-radius", "2"};
+        if (inside) args.push_back("--inside");
+        const ToolRun r = run_tool(args, rows(centres));
+        ASSERT_EQ(r.status, kExitOk) << r.err;
+        // Exact data: the touched cone to rounding over a size of 40.
+        EXPECT_LT(vec(json_numbers(r.out, "apex")).length(), 1e-8);
+        EXPECT_LT(json_numbers(r.out, "axis").at(2), -1.0 + 1e-12);  // into the cone: -z
+        EXPECT_NEAR(json_numbers(r.out, "half_angle").at(0), 30.0, 1e-8);
+        EXPECT_LT(json_numbers(r.out, "form_deviation").at(0), 1e-8);
+        EXPECT_NE(r.out.find(inside ? "\"inside\": true" : "\"inside\": false"), std::string::npos);
+    }
 }
 
 // Probe centres rho above the plane z = 1 (or the line y = 2), contact
@@ -395,6 +484,7 @@ TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
         const char* key;
         std::vector<double> value;
         double tol;
+        bool either_sense = false;  // a direction or normal without a fixed sense
     };
     const double s30 = std::sin(kPi / 6), c30 = std::cos(kPi / 6);
     const Expect cases[] = {
@@ -404,22 +494,24 @@ TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
         {"circle2", "radius", {12.5}, 0.005},
         {"circle3", "centre", {100, 50, 20}, 0.01},
         {"circle3", "radius", {30}, 0.01},
-        {"plane", "normal", {0.049928, -0.019971, 0.998553}, 1e-4},
-        {"line2", "direction", {c30, s30}, 1e-4},
-        {"line3", "direction", {1.0 / 3, 2.0 / 3, 2.0 / 3}, 1e-4},
+        {"plane", "normal", {0.049928, -0.019971, 0.998553}, 1e-4, true},
+        {"line2", "direction", {c30, s30}, 1e-4, true},
+        {"line3", "direction", {1.0 / 3, 2.0 / 3, 2.0 / 3}, 1e-4, true},
         {"cylinder", "point", {100, 50, 20}, 0.005},
-        {"cylinder", "axis", {-0.309426, 0.206284, 0.928279}, 1e-4},
+        {"cylinder", "axis", {-0.309426, 0.206284, 0.928279}, 1e-4, true},
         {"cylinder", "radius", {12.5}, 0.005},
+        // The apex lies 15 below the nearest ring: it moves most with the noise.
+        {"cone", "apex", {10, 20, 30}, 0.02},
+        {"cone", "axis", {0.436436, -0.218218, 0.872872}, 3e-4},  // from the apex into the cone
+        {"cone", "half_angle", {20}, 0.01},
     };
     for (const Expect& e : cases) {
         const ToolRun r = run_tool({"fit", e.feature, dir + e.feature + ".txt", "--json"});
         ASSERT_EQ(r.status, kExitOk) << e.feature << ": " << r.err;
         std::vector<double> got = json_numbers(r.out, e.key);
         ASSERT_EQ(got.size(), e.value.size()) << e.feature;
-        // Directions and normals have no fixed sense.
         double sense = 1.0;
-        if (std::string(e.key) != "centre" && std::string(e.key) != "radius" &&
-            std::string(e.key) != "point") {
+        if (e.either_sense) {
             double d = 0.0;
             for (std::size_t k = 0; k < got.size(); ++k) d += got[k] * e.value[k];
             sense = d < 0 ? -1.0 : 1.0;

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <fstream>
 
+#include "metrofit/features/cone.h"
 #include "metrofit/features/cylinder.h"
+#include "metrofit/features/probed_cone.h"
 #include "metrofit/features/probed_cylinder.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/least_square_evaluator.h"
@@ -26,16 +28,18 @@ struct FeatureInfo {
     int minimum_points;  // below this every fit of the feature refuses
     bool probed_form;    // a probed fit exists
     bool directions;     // its probed fit takes contact directions
+    bool axial;          // takes --normals, --axis and --angle
 };
 
 constexpr FeatureInfo kFeatures[] = {
-    {Feature::line2, "line2", "straight line in the plane", 2, 2, true, true},
-    {Feature::line3, "line3", "straight line in space", 3, 2, false, false},
-    {Feature::plane, "plane", "plane", 3, 3, true, true},
-    {Feature::circle2, "circle2", "circle in the plane", 2, 3, true, false},
-    {Feature::circle3, "circle3", "circle in space", 3, 3, false, false},
-    {Feature::sphere, "sphere", "sphere", 3, 4, true, false},
-    {Feature::cylinder, "cylinder", "cylinder", 3, 5, true, false},
+    {Feature::line2, "line2", "straight line in the plane", 2, 2, true, true, false},
+    {Feature::line3, "line3", "straight line in space", 3, 2, false, false, false},
+    {Feature::plane, "plane", "plane", 3, 3, true, true, false},
+    {Feature::circle2, "circle2", "circle in the plane", 2, 3, true, false, false},
+    {Feature::circle3, "circle3", "circle in space", 3, 3, false, false, false},
+    {Feature::sphere, "sphere", "sphere", 3, 4, true, false, false},
+    {Feature::cylinder, "cylinder", "cylinder", 3, 5, true, false, true},
+    {Feature::cone, "cone", "cone", 3, 6, true, false, true},
 };
 
 const FeatureInfo& info(Feature f) {
@@ -50,10 +54,26 @@ constexpr double kPoorQuality = 0.001;
 
 bool with_directions(const Options& o) { return o.probed && info(o.feature).directions; }
 
-// Probed features touched from one side of a closed surface, which
-// --inside chooses.
+// Probed features without contact directions: a ball touched them from
+// one side of the surface, which --inside chooses.
 bool has_side(const std::string& feature) {
-    return feature == "sphere" || feature == "circle2" || feature == "cylinder";
+    for (const FeatureInfo& i : kFeatures)
+        if (feature == i.name) return i.probed_form && !i.directions;
+    return false;
+}
+
+// The names of the features that `keep` selects, in table order, as a list
+// ending in "or" or "and" (`last`).
+std::string feature_names(bool (*keep)(const FeatureInfo&), const char* last) {
+    std::vector<std::string> names;
+    for (const FeatureInfo& f : kFeatures)
+        if (keep(f)) names.push_back(f.name);
+    std::string s;
+    for (std::size_t k = 0; k < names.size(); ++k) {
+        if (k > 0) s += k + 1 == names.size() ? std::string(" ") + last + " " : std::string(", ");
+        s += names[k];
+    }
+    return s;
 }
 
 std::string number(double v, const char* format) {
@@ -95,6 +115,14 @@ giPoint3coDynArr points3(const PointTable& t) {
 // rho closer to the centre) or from inside (rho farther).
 double probed_radial(double dist, double radius, double rho, bool inside) {
     return dist + (inside ? rho : -rho) - radius;
+}
+
+// The probe radius once per point, as the probed fits take it.
+doublecoDynArr probe_radii(const Options& o, int n) {
+    doublecoDynArr radii;
+    radii.reserve(n);
+    for (int i = 0; i < n; ++i) radii.append(o.probe_radius);
+    return radii;
 }
 
 std::vector<double> point_xy(const giPoint2& p) { return {p.x(), p.y()}; }
@@ -196,8 +224,7 @@ int fit_line2(const Options& o, const PointTable& t, const giUnitVec2coDynArr& d
     double error = 0.0;
     std::vector<double> res;
     if (o.probed) {
-        doublecoDynArr radii;
-        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        const doublecoDynArr radii = probe_radii(o, t.rows());
         giUnitVec2 n;
         if (!tsLeastSquareEvaluator::evaluate_probed_line2(pts, radii, dirs, p, n, error))
             return kExitRefused;
@@ -244,8 +271,7 @@ int fit_plane(const Options& o, const PointTable& t, const giUnitVec3coDynArr& d
     double error = 0.0;
     std::vector<double> res;
     if (o.probed) {
-        doublecoDynArr radii;
-        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        const doublecoDynArr radii = probe_radii(o, t.rows());
         if (!tsLeastSquareEvaluator::evaluate_probed_plane(pts, radii, dirs, p, n, error))
             return kExitRefused;
         p = foot_of_centroid(pts, p, n);
@@ -269,8 +295,7 @@ int fit_circle2(const Options& o, const PointTable& t, FitReport& r) {
     giPoint2 c;
     double radius = 0.0, error = 0.0;
     if (o.probed) {
-        doublecoDynArr radii;
-        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        const doublecoDynArr radii = probe_radii(o, t.rows());
         if (!tsLeastSquareEvaluator::evaluate_probed_circle(pts, radii, o.inside ? 1 : 0, c, radius,
                                                             error))
             return kExitRefused;
@@ -321,8 +346,7 @@ int fit_sphere(const Options& o, const PointTable& t, FitReport& r) {
     giPoint3 c;
     double radius = 0.0, error = 0.0;
     if (o.probed) {
-        doublecoDynArr radii;
-        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
+        const doublecoDynArr radii = probe_radii(o, t.rows());
         if (!tsLeastSquareEvaluator::evaluate_probed_sphere(pts, radii, o.inside ? 1 : 0, c, radius,
                                                             error))
             return kExitRefused;
@@ -344,58 +368,138 @@ int fit_sphere(const Options& o, const PointTable& t, FitReport& r) {
     return kExitOk;
 }
 
+// What the cylinder and cone fits take from the options: the points, the
+// probe radius of each (none unless probed), the side, the nominal axis
+// (unset without --axis), the angle limit and the normals.
+struct AxialInput {
+    giPoint3coDynArr points;
+    doublecoDynArr radii;
+    int inside = 0;
+    giUnitVec3 nominal;
+    giAngle angle;
+    giUnitVec3coDynArr normals;
+};
+
+AxialInput axial_input(const Options& o, const PointTable& t, const giUnitVec3coDynArr& normals) {
+    AxialInput in;
+    in.points = points3(t);
+    if (o.probed) in.radii = probe_radii(o, t.rows());
+    in.inside = o.inside ? 1 : 0;
+    if (o.axis.size() == 3) in.nominal = giUnitVec3(o.axis[0], o.axis[1], o.axis[2]);
+    in.angle = giAngle(giANGLE_DEGREES, o.angle_degrees);
+    in.normals = normals;
+    return in;
+}
+
+// The signed distances of the points as the fitted model measures them at
+// p: the residuals whose mean square the fit minimised, probe offsets
+// included for a probed model.
+std::vector<double> model_residuals(mlDistanceLeastSquares& model, const mlVector& p) {
+    model.set_parameters(p);
+    std::vector<double> res(model.n_points());
+    for (int i = 0; i < model.n_points(); ++i) model.get_distance(res[i], i);
+    return res;
+}
+
+// Checks a fitted cylinder or cone against --axis and --normals and fills
+// the report's RMS and form deviation. p holds the feature in the form of
+// the Plain model (its probed form Probed for probe centres), the axis in
+// p[3..5]. The searches prefer features within the limits but return a
+// clearly better one outside them: a warning says so rather than pass it
+// off as constrained. `surface` names the directions the normals are held
+// to ("cylinder's radial directions").
+template <class Plain, class Probed>
+void report_axial(const AxialInput& in, const std::string& feature, const char* surface,
+                  const mlVector& p, double error, FitReport& r) {
+    const giUnitVec3 u(p[3], p[4], p[5]);
+    const std::string limit = number(in.angle.degrees(), "%.6g") + " degrees";
+    const double cos_off = std::fabs(dot(u, in.nominal));
+    if (in.nominal.is_set() && cos_off < in.angle.cos())
+        r.warnings.push_back("the fitted axis lies " +
+                             number(giAngle(giAngleCosine, cos_off).degrees(), "%.3g") +
+                             " degrees from --axis, beyond the " + limit + " allowed: no " +
+                             feature + " within the limit fits nearly as well");
+    mlVector fitted = p;
+    if (in.normals.size() > 0 &&
+        !Plain::are_normals_in_limit(in.points, in.angle, giUnitVec3(), in.normals, fitted))
+        r.warnings.push_back(std::string("the fitted ") + surface + " are not all within " + limit +
+                             " of the normals (nor all of the reversed normals)");
+    std::vector<double> res;
+    if (in.radii.size() > 0) {
+        Probed model(in.points, in.radii, in.inside);
+        res = model_residuals(model, p);
+    } else {
+        Plain model(in.points);
+        res = model_residuals(model, p);
+    }
+    r.rms = error;
+    r.form_deviation = spread(res);
+}
+
+// The unit axis u as reported: in the sense of --axis when given.
+giUnitVec3 in_nominal_sense(const AxialInput& in, const giUnitVec3& u) {
+    return in.nominal.is_set() && dot(u, in.nominal) < 0.0 ? -u : u;
+}
+
 int fit_cylinder(const Options& o, const PointTable& t, const giUnitVec3coDynArr& normals,
                  FitReport& r) {
-    const giPoint3coDynArr pts = points3(t);
-    const giUnitVec3 nominal =
-        o.axis.size() == 3 ? giUnitVec3(o.axis[0], o.axis[1], o.axis[2]) : giUnitVec3();
-    const giAngle angle(giANGLE_DEGREES, o.angle_degrees);
-    const int inside = o.inside ? 1 : 0;
-    doublecoDynArr radii;
+    const AxialInput in = axial_input(o, t, normals);
     giPoint3 p;
     giUnitVec3 u;
     double radius = 0.0, error = 0.0;
     if (o.probed) {
-        for (int i = 0; i < t.rows(); ++i) radii.append(o.probe_radius);
-        if (!tsCalculateLeastSquareProbedCylinder(pts, radii, inside, p, u, radius, error, nominal,
-                                                  angle, normals, 0))
+        if (!tsCalculateLeastSquareProbedCylinder(in.points, in.radii, in.inside, p, u, radius,
+                                                  error, in.nominal, in.angle, in.normals, 0))
             return kExitRefused;
-    } else if (!tsCalculateLeastSquareCylinder(pts, p, u, radius, error, nominal, angle, normals,
-                                               0)) {
+    } else if (!tsCalculateLeastSquareCylinder(in.points, p, u, radius, error, in.nominal, in.angle,
+                                               in.normals, 0)) {
         return kExitRefused;
     }
-    // The search prefers cylinders within the limits but returns a clearly
-    // better one outside them: say so rather than pass it off as constrained.
-    const std::string limit = number(o.angle_degrees, "%.6g") + " degrees";
-    if (nominal.is_set()) {
-        const double off = giAngle(giAngleCosine, std::fabs(dot(u, nominal))).degrees();
-        if (std::fabs(dot(u, nominal)) < angle.cos())
-            r.warnings.push_back("the fitted axis lies " + number(off, "%.3g") +
-                                 " degrees from --axis, beyond the " + limit +
-                                 " allowed: no cylinder within the limit fits nearly as well");
-        if (dot(u, nominal) < 0.0) u = -u;  // report the axis in the nominal sense
-    }
-    if (normals.size() > 0) {
-        mlVector fitted = {p.x(), p.y(), p.z(), u.x(), u.y(), u.z(), radius};
-        if (!tsLeastSquareCylinder::are_normals_in_limit(pts, angle, giUnitVec3(), normals, fitted))
-            r.warnings.push_back("the fitted cylinder's radial directions are not all within " +
-                                 limit + " of the normals (nor all of the reversed normals)");
-    }
-    p = axis_foot_of_centroid(pts, p, u);
-    std::vector<double> res;
-    for (const giPoint3& q : pts) {
-        const double dist = cross(u, q - p).length();
-        res.push_back(o.probed ? probed_radial(dist, radius, o.probe_radius, o.inside)
-                               : dist - radius);
-    }
-    r.parameters = {{"point", point_xyz(p)}, {"axis", vec_xyz(u)}, {"radius", {radius}}};
-    r.rms = error;
-    r.form_deviation = spread(res);
+    p = axis_foot_of_centroid(in.points, p, u);
+    report_axial<tsLeastSquareCylinder, tsLeastSquareProbedCylinder>(
+        in, r.feature, "cylinder's radial directions",
+        {p.x(), p.y(), p.z(), u.x(), u.y(), u.z(), radius}, error, r);
+    r.parameters = {
+        {"point", point_xyz(p)}, {"axis", vec_xyz(in_nominal_sense(in, u))}, {"radius", {radius}}};
     r.distribution_quality =
-        o.probed
-            ? tsLeastSquareDistributionQuality::distribution_quality_probed_cylinder(
-                  pts, radii, inside, p, u, radius)
-            : tsLeastSquareDistributionQuality::distribution_quality_cylinder(pts, p, u, radius);
+        o.probed ? tsLeastSquareDistributionQuality::distribution_quality_probed_cylinder(
+                       in.points, in.radii, in.inside, p, u, radius)
+                 : tsLeastSquareDistributionQuality::distribution_quality_cylinder(in.points, p, u,
+                                                                                   radius);
+    return kExitOk;
+}
+
+int fit_cone(const Options& o, const PointTable& t, const giUnitVec3coDynArr& normals,
+             FitReport& r) {
+    const AxialInput in = axial_input(o, t, normals);
+    giPoint3 apex;
+    giUnitVec3 to_apex;  // the fit's axis points from the cone towards the apex
+    double half_angle = 0.0, error = 0.0;
+    // The ball centres lie on a cone of the same axis as the touched one:
+    // they serve as the probed search's guess points.
+    if (o.probed) {
+        if (!tsCalculateLeastSquareProbedCone(in.points, in.radii, in.inside, in.points, apex,
+                                              to_apex, half_angle, error, in.nominal, in.angle,
+                                              in.normals, 0))
+            return kExitRefused;
+    } else if (!tsCalculateLeastSquareCone(in.points, apex, to_apex, half_angle, error, in.nominal,
+                                           in.angle, in.normals, 0)) {
+        return kExitRefused;
+    }
+    // With the reference point at the apex the surface distance h is 0.
+    report_axial<tsLeastSquareCone, tsLeastSquareProbedCone>(
+        in, r.feature, "cone's surface normals",
+        {apex.x(), apex.y(), apex.z(), to_apex.x(), to_apex.y(), to_apex.z(), 0.0, half_angle},
+        error, r);
+    // A report reads the axis from the apex into the cone, towards the points.
+    r.parameters = {{"apex", point_xyz(apex)},
+                    {"axis", vec_xyz(in_nominal_sense(in, -to_apex))},
+                    {"half_angle", {giAngle(giANGLE_RADIANS, half_angle).degrees()}}};
+    r.distribution_quality =
+        o.probed ? tsLeastSquareDistributionQuality::distribution_quality_probed_cone(
+                       in.points, in.radii, in.inside, in.points, apex, to_apex, half_angle)
+                 : tsLeastSquareDistributionQuality::distribution_quality_cone(in.points, apex,
+                                                                               to_apex, half_angle);
     return kExitOk;
 }
 
@@ -419,7 +523,7 @@ std::string column_names(const Options& o) {
 
 std::string usage_text() {
     return R"(Usage: metrofit fit <feature> <file> [--probe-radius R [--inside]] [--json]
-       metrofit fit cylinder <file> [--normals FILE] [--axis X,Y,Z]
+       metrofit fit cylinder|cone <file> [--normals FILE] [--axis X,Y,Z]
                 [--angle DEG] [--probe-radius R [--inside]] [--json]
        metrofit --help | --version
 
@@ -435,27 +539,32 @@ Features, and the numbers each data line holds:
   circle3   circle in space              x y z
   sphere    sphere                       x y z
   cylinder  cylinder                     x y z
+  cone      cone                         x y z
 
 Options:
   --probe-radius R   the points are centres of a probe ball of radius R that
-                     touched the feature (sphere, circle2, cylinder, plane,
-                     line2); the feature reported is the touched surface.
-  --inside           with --probe-radius, for sphere, circle2 and cylinder:
-                     the ball touched from inside (a bore, a hollow sphere);
-                     without it, from outside (a shaft, a ball).
-  --normals FILE     cylinder: a second file with the surface normal at each
-                     point, "nx ny nz" per line in the order of the points
-                     (same format; any length but zero). The fitted
-                     cylinder's radial directions must lie within the angle
-                     of all the normals (a shaft) or of all of them reversed
-                     (a bore). Another count of normals than of points is
-                     a usage error.
-  --axis X,Y,Z       cylinder: the nominal axis direction (any length but
-                     zero, either sense); the fitted axis is sought within
-                     the angle of it and reported in its sense.
-  --angle DEG        cylinder: how far the axis may turn from --axis, and the
-                     radial directions from the normals, in degrees (above 0,
-                     at most 90; default 10).
+                     touched the feature (sphere, circle2, cylinder, cone,
+                     plane, line2); the feature reported is the touched
+                     surface. A probed cone is searched for from the ball
+                     centres themselves: they lie on a cone of the same axis.
+  --inside           with --probe-radius, for sphere, circle2, cylinder and
+                     cone: the ball touched from inside (a bore, a hollow
+                     sphere, a countersink); without it, from outside (a
+                     shaft, a ball, a tapered pin).
+  --normals FILE     cylinder, cone: a second file with the surface normal at
+                     each point, "nx ny nz" per line in the order of the
+                     points (same format; any length but zero). The fitted
+                     surface's directions (a cylinder's radial directions, a
+                     cone's outward normals) must lie within the angle of all
+                     the normals (a shaft, a pin) or of all of them reversed
+                     (a bore, a countersink). Another count of normals than
+                     of points is a usage error.
+  --axis X,Y,Z       cylinder, cone: the nominal axis direction (any length
+                     but zero, either sense); the fitted axis is sought
+                     within the angle of it and reported in its sense.
+  --angle DEG        cylinder, cone: how far the axis may turn from --axis,
+                     and the surface directions from the normals, in degrees
+                     (above 0, at most 90; default 10).
   --json             print one JSON object instead of the text report.
   -h, --help         print this help and exit.
   --version          print the version and exit.
@@ -476,23 +585,30 @@ Reported figures:
             feature (for probed fits, of the probe centres' centroid); for a
             cylinder: the foot of that centroid on the axis, the point of the
             axis among the data.
-  axis      a cylinder's unit axis direction (in the sense of --axis when
-            given).
+  apex      a cone's apex.
+  axis      the unit axis direction of a cylinder or cone. A cone's points
+            from the apex into the cone, towards the points: the way an
+            inspection report reads it (the fit itself turns the axis
+            towards the apex). With --axis: in the sense nearer to it.
+  half_angle  a cone's half opening angle, between axis and surface, in
+            degrees.
   rms       root mean square of the orthogonal distances of the points.
   form      largest minus smallest signed residual: positive outside a
-            circle, sphere or cylinder, on the normal's side of a plane or
-            line2, and towards the probe for probed fits. circle3 signs its
-            distances in space by the radial side. A line in space has
-            unsigned distances: its form is twice the largest (the diameter
-            of the enclosing zone).
+            circle, sphere, cylinder or cone, on the normal's side of a
+            plane or line2, and towards the probe for probed fits. circle3
+            signs its distances in space by the radial side. A line in space
+            has unsigned distances: its form is twice the largest (the
+            diameter of the enclosing zone).
   quality   how well the points pin the feature down, about 1 at best: a
-            whole circle, sphere or cylinder, a flat square patch, a long
-            thin row of points along a line. A short arc, a small cap, a
-            narrow strip or a wide band along a line scores less. Below
-            0.001 the tool adds a warning on standard error (the exit status
-            stays 0), as it does when the fitted cylinder lies beyond the
-            --angle limit of --axis or --normals (the fit returns a cylinder
-            outside the limit when none inside it fits nearly as well).
+            whole circle, sphere, cylinder or cone, a flat square patch, a
+            long thin row of points along a line. A short arc, a small cap, a
+            narrow strip or a wide band along a line scores less. A probed
+            cone reports the unscaled measure, about 0.15 times the figure
+            of the same points fitted unprobed. Below 0.001 the tool adds a
+            warning on standard error (the exit status stays 0), as it does
+            when the fitted cylinder or cone lies beyond the --angle limit
+            of --axis or --normals (the fit returns one outside the limit
+            when none inside it fits nearly as well).
 
 Exit status: 0 fitted; 1 the fit refused the points (too few, or a set that
 fixes no such feature); 2 a usage error or a bad input file.
@@ -612,15 +728,15 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
     for (const FeatureInfo& f : kFeatures)
         if (positional[1] == f.name) found = &f;
     if (!found) {
-        error = "unknown feature '" + positional[1] +
-                "' (line2, line3, plane, circle2, circle3, sphere or cylinder)";
+        error = "unknown feature '" + positional[1] + "' (" +
+                feature_names([](const FeatureInfo&) { return true; }, "or") + ")";
         return kExitUsage;
     }
     o.feature = found->feature;
     o.file = positional[2];
     if (o.probed && !found->probed_form) {
         error = std::string(found->name) + " has no probed fit: --probe-radius applies to " +
-                "sphere, circle2, cylinder, plane and line2";
+                feature_names([](const FeatureInfo& f) { return f.probed_form; }, "and");
         return kExitUsage;
     }
     if (o.inside && !o.probed) {
@@ -632,12 +748,14 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
                 ": its contact directions give the side";
         return kExitUsage;
     }
-    const char* cylinder_option = normals_given   ? "--normals"
-                                  : axis_given    ? "--axis"
-                                  : o.angle_given ? "--angle"
-                                                  : nullptr;
-    if (cylinder_option && o.feature != Feature::cylinder) {
-        error = std::string(cylinder_option) + " applies to cylinder only, not " + found->name;
+    const char* axial_option = normals_given   ? "--normals"
+                               : axis_given    ? "--axis"
+                               : o.angle_given ? "--angle"
+                                               : nullptr;
+    if (axial_option && !found->axial) {
+        error = std::string(axial_option) + " applies to " +
+                feature_names([](const FeatureInfo& f) { return f.axial; }, "and") + " only, not " +
+                found->name;
         return kExitUsage;
     }
     if (o.angle_given && !normals_given && !axis_given) {
@@ -674,10 +792,10 @@ int fit_table(const Options& o, const PointTable& t, const PointTable& normals, 
                             : read_directions3(t, 3, "", "contact direction", d3, message);
         if (!ok) return kExitUsage;
     }
-    // Surface normals of the cylinder, matched to the points by order: a
-    // count that differs means the files do not belong together.
+    // Surface normals of a cylinder or cone, matched to the points by order:
+    // a count that differs means the files do not belong together.
     giUnitVec3coDynArr n3;
-    if (o.feature == Feature::cylinder && !o.normals_file.empty()) {
+    if (f.axial && !o.normals_file.empty()) {
         if (normals.rows() != t.rows()) {
             message = "the normals file '" + o.normals_file + "' has " +
                       std::to_string(normals.rows()) + " normals for " + std::to_string(t.rows()) +
@@ -711,6 +829,9 @@ int fit_table(const Options& o, const PointTable& t, const PointTable& normals, 
         case Feature::cylinder:
             status = fit_cylinder(o, t, n3, r);
             break;
+        case Feature::cone:
+            status = fit_cone(o, t, n3, r);
+            break;
     }
     if (status == kExitRefused) {
         const std::string what = std::string(o.probed ? "probed " : "") + f.name + " fit";
@@ -736,7 +857,8 @@ std::string format_human(const FitReport& r) {
     s += "\npoints    " + std::to_string(r.points) + "\n";
     for (const auto& [name, values] : r.parameters) {
         std::string line = name;
-        line.resize(10, ' ');
+        line.resize(std::max<std::size_t>(10, name.size() + 1),
+                    ' ');  // a longer name keeps a space
         for (std::size_t k = 0; k < values.size(); ++k)
             line += (k ? " " : "") + number(values[k], "%.10g");
         s += line + "\n";

@@ -20,10 +20,10 @@ constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 
-enum class Feature { line2, line3, plane, circle2, circle3, sphere, cylinder };
+enum class Feature { line2, line3, plane, circle2, circle3, sphere, cylinder, cone };
 
-// The angle a cylinder's axis and radial directions may deviate by from
-// --axis and --normals when --angle is not given.
+// The angle the axis and surface directions of a cylinder or cone may
+// deviate by from --axis and --normals when --angle is not given.
 constexpr double kDefaultAngleDegrees = 10.0;
 
 struct Options {
@@ -35,7 +35,7 @@ struct Options {
     double probe_radius = 0.0;
     bool inside = false;
     bool json = false;
-    // Cylinder only: a file of one surface normal per point ("-" reads
+    // Cylinder and cone only: a file of one surface normal per point ("-" reads
     // standard input; empty: none), a nominal axis direction (empty: none,
     // else three numbers of non-zero length) and the angle both may deviate by.
     std::string normals_file;
