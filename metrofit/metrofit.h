@@ -2,6 +2,7 @@
 #pragma once
 
 #include "metrofit/features/axial_common.h"
+#include "metrofit/features/axis_rev.h"
 #include "metrofit/features/circle.h"
 #include "metrofit/features/cone.h"
 #include "metrofit/features/cone_guess.h"
@@ -15,6 +16,7 @@
 #include "metrofit/features/projected_circles.h"
 #include "metrofit/features/random_directions.h"
 #include "metrofit/features/sphere.h"
+#include "metrofit/features/touching_circles.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/frame/least_square_distance.h"
@@ -43,8 +45,10 @@
 #include "metrofit/platform/maths/svd.h"
 #include "metrofit/platform/maths/tags.h"
 #include "metrofit/platform/maths/vector.h"
+#include "metrofit/platform/surface/unit_vector_differentiator.h"
 #include "metrofit/platform/utility/tags.h"
 #include "metrofit/platform/utility/ut_math.h"
+#include "metrofit/util/containment_cone.h"
 #include "metrofit/util/scan_range.h"
 #include "metrofit/util/utils.h"
 #include "metrofit/util/vector_gradient.h"
