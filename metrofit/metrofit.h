@@ -49,6 +49,7 @@
 #include "metrofit/platform/utility/tags.h"
 #include "metrofit/platform/utility/ut_math.h"
 #include "metrofit/util/containment_cone.h"
+#include "metrofit/util/convex_hull.h"
 #include "metrofit/util/scan_range.h"
 #include "metrofit/util/utils.h"
 #include "metrofit/util/vector_gradient.h"
