@@ -49,13 +49,16 @@ consumer: build
 	cmake --build $(BUILD)/_consumer -j $(JOBS) > /dev/null
 	$(BUILD)/_consumer/consumer
 
-# Fits every sample file in examples/ with the command-line tool.
+# Fits every sample file in examples/ with the command-line tool, and takes
+# the convex hull of the planar sample.
 demo: build
-	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone; do \
+	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone axis; do \
 	  echo "== metrofit fit $$f examples/$$f.txt"; \
 	  $(BUILD)/tools/metrofit/metrofit fit $$f examples/$$f.txt || exit 1; \
 	  echo; \
 	done
+	@echo "== metrofit hull examples/hull.txt --inside 20,15"
+	@$(BUILD)/tools/metrofit/metrofit hull examples/hull.txt --inside 20,15
 
 sanitize: deps
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMETROFIT_SANITIZE=ON $(CMAKE_ARGS)

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/sampling.h"
@@ -52,22 +55,24 @@ std::string arg(const giVector3& v) {
 
 giVector3 vec(const std::vector<double>& v) { return giVector3(v.at(0), v.at(1), v.at(2)); }
 
-// The numbers after "key": in the tool's JSON (one number or an array).
+// The numbers of "key" in the tool's JSON: one number, or every number up to
+// the bracket that closes its array (nested arrays included).
 std::vector<double> json_numbers(const std::string& json, const std::string& key) {
     std::vector<double> v;
-    std::size_t at = json.find("\"" + key + "\": ");
+    const std::size_t at = json.find("\"" + key + "\": ");
     if (at == std::string::npos) return v;
-    const char* p = json.c_str() + at + key.size() + 4;
-    const bool array = *p == '[';
-    if (array) ++p;
-    for (;;) {
+    int depth = 0;
+    for (const char* p = json.c_str() + at + key.size() + 4; *p; ++p) {
         char* end = nullptr;
         const double x = std::strtod(p, &end);
-        if (end == p) break;
-        v.push_back(x);
-        p = end;
-        if (!array || *p != ',') break;
-        p += 2;
+        if (end != p) {
+            v.push_back(x);
+            p = end - 1;
+            continue;
+        }
+        if (*p == '[') ++depth;
+        if (*p == ']') --depth;
+        if (depth == 0 && (*p == ']' || *p == ',' || *p == '}')) break;
     }
     return v;
 }
@@ -137,14 +142,20 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"fit", "cone", "-", "--normals", "-"}, "both come from standard input"},
         UsageCase{{"fit", "cone", "f", "--inside"}, "--inside needs --probe-radius"},
         UsageCase{{"fit", "cones", "f"}, "unknown feature 'cones'"},
-        UsageCase{{"fit", "circle3", "f", "--axis", "0,0,1"}, "cylinder and cone only"}));
+        UsageCase{{"fit", "circle3", "f", "--axis", "0,0,1"}, "cylinder and cone only"},
+        // The axis of revolution takes its normals from the file, no options.
+        UsageCase{{"fit", "axis", "f", "--probe-radius", "1"}, "axis has no probed fit"},
+        UsageCase{{"fit", "axis", "f", "--normals", "n"}, "cylinder and cone only, not axis"},
+        UsageCase{{"fit", "axis", "f", "--axis", "0,0,1"}, "cylinder and cone only, not axis"}));
 
 TEST(ToolHelp, DescribesEveryFeatureAndTheProbeColumns) {
     const ToolRun r = run_tool({"--help"});
     EXPECT_EQ(r.status, kExitOk);
-    for (const char* word : {"line2", "line3", "plane", "circle2", "circle3", "sphere", "cylinder",
-                             "cone", "apex", "half_angle", "--probe-radius", "--inside", "--json",
-                             "x y z nx ny nz", "--normals", "--axis", "--angle"})
+    for (const char* word :
+         {"line2",      "line3",          "plane",       "circle2",    "circle3",        "sphere",
+          "cylinder",   "cone",           "apex",        "half_angle", "--probe-radius", "--inside",
+          "--json",     "x y z nx ny nz", "--normals",   "--axis",     "--angle",        "axis",
+          "surface of", "metrofit hull",  "--inside X,Y"})
         EXPECT_NE(r.out.find(word), std::string::npos) << word;
     EXPECT_EQ(run_tool({"fit", "sphere", "f", "-h"}).status, kExitOk);
     EXPECT_EQ(run_tool({"--version"}).status, kExitOk);
@@ -475,6 +486,92 @@ TEST(ToolFit, FormDeviationSpansTheResiduals) {
     EXPECT_NEAR(json_numbers(l.out, "rms").at(0), 0.1, 1e-12);
 }
 
+// ---- axis of a surface of revolution ----------------------------------------
+
+// Points and normals as the axis fit reads them: x y z nx ny nz, each normal
+// scaled by `scale[i % 3]` (any length, either sense).
+std::string rows_with_normals(const giPoint3coDynArr& pts, const giUnitVec3coDynArr& normals,
+                              const std::vector<double>& scale = {1.0}) {
+    std::ostringstream s;
+    s.precision(17);
+    for (int i = 0; i < pts.size(); ++i) {
+        const giVector3 n = scale[i % scale.size()] * giVector3(normals[i]);
+        s << pts[i].x() << " " << pts[i].y() << " " << pts[i].z() << " " << n.x() << " " << n.y()
+          << " " << n.z() << "\n";
+    }
+    return s.str();
+}
+
+// A 300-degree frustum with exact normals of assorted lengths and senses,
+// its axis (+z) turned to directions whose largest component has either
+// sign, and moved 1e3 or more: every normal line meets the true axis, which
+// the tool reports with its largest component positive, through the foot of
+// the points' centroid.
+TEST(ToolFit, AxisOfRevolutionRecoversAKnownAxis) {
+    giUnitVec3coDynArr local;
+    const giPoint3coDynArr cone = testsupport::cone_points(40, 30, 10, 40, 300, 0, 51, &local);
+    const giVector3 z(0, 0, 1);
+    for (const giVector3& d : {giVector3(0.3, 0.1, -0.95), giVector3(-0.9, 0.2, 0.3),
+                               giVector3(0.2, -0.7, -0.5), giVector3(0.6, -0.7, 0.4)}) {
+        const giXform3 t =
+            giXform3::translation(giVector3(1e3, -2e3, 500)) *
+            giXform3::rotation(giPoint3(giOrigin), cross(z, d),
+                               giAngle(giANGLE_RADIANS, std::acos(dot(z, d) / d.length())));
+        const giPoint3coDynArr pts = testsupport::transformed(t, cone);
+        giUnitVec3coDynArr normals;
+        for (const giUnitVec3& n : local) normals.append(t * n);
+        const std::string input = rows_with_normals(pts, normals, {1.0, -2.5, 0.01});
+        const ToolRun r = run_tool({"fit", "axis", "-", "--json"}, input);
+        ASSERT_EQ(r.status, kExitOk) << r.err;
+        EXPECT_TRUE(r.err.empty()) << r.err;
+        EXPECT_EQ(json_numbers(r.out, "points").at(0), 40);
+        const giVector3 axis = vec(json_numbers(r.out, "axis")), truth = t * giUnitVec3(0, 0, 1);
+        EXPECT_NEAR(axis.length(), 1.0, 1e-12);
+        EXPECT_LT(cross(axis, truth).length(), 1e-9);
+        const double largest =
+            std::max({std::fabs(axis.x()), std::fabs(axis.y()), std::fabs(axis.z())});
+        EXPECT_TRUE(largest == axis.x() || largest == axis.y() || largest == axis.z()) << r.out;
+        // On the true axis (through the moved apex), level with the centroid.
+        const giVector3 at = vec(json_numbers(r.out, "point"));
+        EXPECT_LT(cross(at - (t * giPoint3(giOrigin) - giPoint3(giOrigin)), truth).length(), 1e-7);
+        giVector3 centroid(0, 0, 0);
+        for (const giPoint3& p : pts) centroid += (1.0 / pts.size()) * (p - giPoint3(giOrigin));
+        EXPECT_NEAR(dot(at - centroid, truth), 0.0, 1e-7);
+        EXPECT_LT(json_numbers(r.out, "rms").at(0), 1e-9);
+        // No form nor quality: they have no meaning for an axis.
+        EXPECT_EQ(r.out.find("form_deviation"), std::string::npos);
+        EXPECT_EQ(r.out.find("distribution_quality"), std::string::npos);
+        EXPECT_EQ(run_tool({"fit", "axis", "-", "--json"}, input).out, r.out);
+    }
+    // The text report of the frustum in place.
+    const ToolRun human = run_tool({"fit", "axis", "-"}, rows_with_normals(cone, local));
+    ASSERT_EQ(human.status, kExitOk);
+    for (const char* label : {"feature   axis", "points    40", "point ", "axis  ", "rms"})
+        EXPECT_NE(human.out.find(label), std::string::npos) << label;
+    EXPECT_EQ(human.out.find("quality"), std::string::npos);
+}
+
+TEST(ToolFit, AxisOfRevolutionRefusesBadRowsAndTooFewPoints) {
+    struct Case {
+        std::string input;
+        int status;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"0 0 0 1 0 0\n1 0 0\n", kExitUsage,
+         "line 2: expected 6 numbers (x y z nx ny nz), found 3"},
+        {"0 0 0 1 0 0\n# c\n1 0 0 0 0 0\n", kExitUsage, "line 3: surface normal has no length"},
+        {"1 0 0 1 0 0\n0 1 0 0 1 0\n-1 0 0 -1 0 0\n0 -1 0 0 -1 0\n1 0 1 1 0 0\n", kExitRefused,
+         "the axis fit needs at least 6 points; the file has 5"},
+    };
+    for (const Case& c : cases) {
+        const ToolRun r = run_tool({"fit", "axis", "-"}, c.input);
+        EXPECT_EQ(r.status, c.status) << c.input;
+        EXPECT_TRUE(r.out.empty());
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    }
+}
+
 // Every sample file in examples/ fits close to the feature its comment
 // names (the files carry noise of a few micrometres).
 TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
@@ -504,6 +601,8 @@ TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
         {"cone", "apex", {10, 20, 30}, 0.02},
         {"cone", "axis", {0.436436, -0.218218, 0.872872}, 3e-4},  // from the apex into the cone
         {"cone", "half_angle", {20}, 0.01},
+        {"axis", "axis", {0.182574, -0.365148, 0.912871}, 2e-4},
+        {"axis", "point", {7.738613, -8.477226, 25.693065}, 1e-3},  // 15 along from (5, -3, 12)
     };
     for (const Expect& e : cases) {
         const ToolRun r = run_tool({"fit", e.feature, dir + e.feature + ".txt", "--json"});
@@ -519,6 +618,81 @@ TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
         for (std::size_t k = 0; k < got.size(); ++k)
             EXPECT_NEAR(sense * got[k], e.value[k], e.tol) << e.feature << " " << e.key;
         EXPECT_LT(json_numbers(r.out, "rms").at(0), 0.01) << e.feature;
+    }
+}
+
+// ---- hull --------------------------------------------------------------------
+
+// The square [0, 4]^2 shuffled with an inner point and its edges' midpoints.
+// The pivot is (4, 0), the lowest and rightmost; the midpoints of the right,
+// top and left sides stay as vertices, the one on the edge that closes the
+// hull back to the pivot does not.
+const char* kSquare = "2 2\n0 4\n2 0  # closing edge\n4 2\n0 0\n1 3\n4 4\n2 4\n4 0\n0 2\n";
+
+TEST(ToolHull, SquareGivesItsVerticesCounterClockwiseFromThePivot) {
+    const std::vector<double> hull = {4, 0, 4, 2, 4, 4, 2, 4, 0, 4, 0, 2, 0, 0};
+    const ToolRun r = run_tool({"hull", "-"}, kSquare);
+    ASSERT_EQ(r.status, kExitOk) << r.err;
+    EXPECT_EQ(r.out.rfind("# 7 hull vertices of 10 points", 0), 0u) << r.out;
+    std::istringstream back(r.out);  // the report is itself a point file
+    PointTable table;
+    std::string error;
+    ASSERT_TRUE(read_point_table(back, 2, "x y", table, error)) << error;
+    EXPECT_EQ(table.values, hull);
+
+    const ToolRun j = run_tool({"--json", "hull", "-"}, kSquare);  // flags may come first
+    ASSERT_EQ(j.status, kExitOk) << j.err;
+    EXPECT_EQ(json_numbers(j.out, "points"), std::vector<double>{10});
+    EXPECT_EQ(json_numbers(j.out, "hull"), hull);
+    EXPECT_EQ(json_numbers(j.out, "indices"), (std::vector<double>{8, 3, 6, 7, 1, 9, 4}));
+    EXPECT_TRUE(r.err.empty() && j.err.empty()) << r.err << j.err;
+    // Points on one line, one repeated: each distinct point once, from the pivot.
+    EXPECT_EQ(
+        json_numbers(run_tool({"hull", "-", "--json"}, "3 3\n1 1\n0 0\n2 2\n1 1\n").out, "hull"),
+        (std::vector<double>{0, 0, 1, 1, 2, 2, 3, 3}));
+    // A chain of points 6e-13 apart: the hull keeps its ends (1.2e-12 apart),
+    // the indices only its first point, and the tool says that they differ.
+    const ToolRun chain = run_tool({"hull", "-", "--json"},
+                                   "1 0\n1 1\n0 1\n0 1.0000000000006\n0 1.0000000000012\n0 0\n");
+    EXPECT_EQ(json_numbers(chain.out, "hull").size(), 10u);
+    EXPECT_EQ(json_numbers(chain.out, "indices"), (std::vector<double>{0, 1, 4, 5}));
+    EXPECT_NE(chain.err.find("indices do not match the vertices"), std::string::npos) << chain.err;
+}
+
+TEST(ToolHull, InsideSaysWhereThePointLies) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"2,2", "inside"}, {"3.9,0.1", "inside"}, {"4 2", "vertex"},      {"2,0", "edge"},
+        {"1,4", "edge"},   {"5,1", "outside"},    {"-0.001,2", "outside"}};
+    for (const auto& [point, position] : cases) {
+        const ToolRun r = run_tool({"hull", "-", "--inside", point}, kSquare);
+        EXPECT_NE(r.out.find(std::string(": ") + position + "\n"), std::string::npos) << point;
+        const ToolRun j =
+            run_tool({"hull", "-", "--json", std::string("--inside=") + point}, kSquare);
+        EXPECT_NE(j.out.find(std::string("\"position\": \"") + position), std::string::npos)
+            << point;
+        EXPECT_EQ(json_numbers(j.out, "query"), option_numbers(point));
+    }
+}
+
+TEST(ToolHull, RefusesBadArgumentsAndInput) {
+    const struct {
+        std::vector<std::string> args;
+        std::string input, message;
+        int status;
+    } cases[] = {
+        {{"hull"}, "", "hull needs a file", kExitUsage},
+        {{"hull", "-", "--inside", "1"}, "", "two finite numbers X,Y, not '1'", kExitUsage},
+        {{"hull", "-", "--inside", "1,2", "--inside", "1,2"}, "", "twice", kExitUsage},
+        {{"hull", "-", "--probe-radius", "1"}, "", "unknown option '--probe-radius'", kExitUsage},
+        {{"hull", "-"}, "0 0\n1 0\n0 1 2\n", "-: line 3: expected 2 numbers (x y)", kExitUsage},
+        {{"hull", "-"}, "# no points\n", "at least one point; the file has 0", kExitRefused},
+        {{"hulls", "-"}, "", "the commands are 'fit' and 'hull'", kExitUsage},
+    };
+    for (const auto& c : cases) {
+        const ToolRun r = run_tool(c.args, c.input);
+        EXPECT_EQ(r.status, c.status) << c.message;
+        EXPECT_TRUE(r.out.empty()) << r.out;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     }
 }
 

@@ -11,6 +11,7 @@
 #include "metrofit/features/probed_cylinder.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/least_square_evaluator.h"
+#include "tools/metrofit/hull_command.h"
 
 #ifndef METROFIT_VERSION
 #define METROFIT_VERSION "unknown"
@@ -24,22 +25,24 @@ struct FeatureInfo {
     Feature feature;
     const char* name;
     const char* description;
-    int dimension;       // coordinates per point
-    int minimum_points;  // below this every fit of the feature refuses
-    bool probed_form;    // a probed fit exists
-    bool directions;     // its probed fit takes contact directions
-    bool axial;          // takes --normals, --axis and --angle
+    int dimension;        // coordinates per point
+    int minimum_points;   // below this every fit of the feature refuses
+    bool probed_form;     // a probed fit exists
+    bool directions;      // its probed fit takes contact directions
+    bool axial;           // takes --normals, --axis and --angle
+    bool normal_columns;  // every line holds the surface normal after the point
 };
 
 constexpr FeatureInfo kFeatures[] = {
-    {Feature::line2, "line2", "straight line in the plane", 2, 2, true, true, false},
-    {Feature::line3, "line3", "straight line in space", 3, 2, false, false, false},
-    {Feature::plane, "plane", "plane", 3, 3, true, true, false},
-    {Feature::circle2, "circle2", "circle in the plane", 2, 3, true, false, false},
-    {Feature::circle3, "circle3", "circle in space", 3, 3, false, false, false},
-    {Feature::sphere, "sphere", "sphere", 3, 4, true, false, false},
-    {Feature::cylinder, "cylinder", "cylinder", 3, 5, true, false, true},
-    {Feature::cone, "cone", "cone", 3, 6, true, false, true},
+    {Feature::line2, "line2", "straight line in the plane", 2, 2, true, true, false, false},
+    {Feature::line3, "line3", "straight line in space", 3, 2, false, false, false, false},
+    {Feature::plane, "plane", "plane", 3, 3, true, true, false, false},
+    {Feature::circle2, "circle2", "circle in the plane", 2, 3, true, false, false, false},
+    {Feature::circle3, "circle3", "circle in space", 3, 3, false, false, false, false},
+    {Feature::sphere, "sphere", "sphere", 3, 4, true, false, false, false},
+    {Feature::cylinder, "cylinder", "cylinder", 3, 5, true, false, true, false},
+    {Feature::cone, "cone", "cone", 3, 6, true, false, true, false},
+    {Feature::axis, "axis", "axis of a surface of revolution", 3, 6, false, false, false, true},
 };
 
 const FeatureInfo& info(Feature f) {
@@ -53,6 +56,12 @@ const FeatureInfo& info(Feature f) {
 constexpr double kPoorQuality = 0.001;
 
 bool with_directions(const Options& o) { return o.probed && info(o.feature).directions; }
+
+// Whether each line holds a direction after its coordinates: the contact
+// direction of a probed plane or line, the surface normal for an axis.
+bool with_direction_columns(const Options& o) {
+    return with_directions(o) || info(o.feature).normal_columns;
+}
 
 // Probed features without contact directions: a ball touched them from
 // one side of the surface, which --inside chooses.
@@ -503,21 +512,53 @@ int fit_cone(const Options& o, const PointTable& t, const giUnitVec3coDynArr& no
     return kExitOk;
 }
 
+// The sense of an axis that nothing else fixes: its largest component
+// (the first of equal ones) positive, so that the report does not depend on
+// where the search started.
+giUnitVec3 largest_component_positive(const giUnitVec3& u) {
+    const double c[3] = {u.x(), u.y(), u.z()};
+    int k = 0;
+    for (int j = 1; j < 3; ++j)
+        if (std::fabs(c[j]) > std::fabs(c[k])) k = j;
+    return c[k] < 0.0 ? -u : u;
+}
+
+// The axis of a surface of revolution, the line every normal line meets
+// best. The fit reports some point of the axis; the foot of the points'
+// centroid lies among the data.
+int fit_axis(const PointTable& t, const giUnitVec3coDynArr& normals, FitReport& r) {
+    const giPoint3coDynArr pts = points3(t);
+    giPoint3 p;    // unset: the search starts from the centroid
+    giUnitVec3 u;  // unset: the search tries several directions
+    double error = 0.0;
+    if (!tsLeastSquareEvaluator::evaluate_axis_rev(pts, normals, p, u, error)) return kExitRefused;
+    u = largest_component_positive(u);
+    r.parameters = {{"point", point_xyz(axis_foot_of_centroid(pts, p, u))}, {"axis", vec_xyz(u)}};
+    r.rms = error;
+    r.form_and_quality = false;
+    return kExitOk;
+}
+
+// "a" or "an" before the word.
+std::string article(const std::string& word) {
+    return word.find_first_of("aeiou") == 0 ? "an" : "a";
+}
+
+}  // namespace
+
 std::string json_number(double v) {
     if (!std::isfinite(v)) return "null";
     return number(v, "%.17g");
 }
 
-}  // namespace
-
 int expected_columns(const Options& o) {
-    return info(o.feature).dimension * (with_directions(o) ? 2 : 1);
+    return info(o.feature).dimension * (with_direction_columns(o) ? 2 : 1);
 }
 
 std::string column_names(const Options& o) {
     const bool two = info(o.feature).dimension == 2;
     std::string names = two ? "x y" : "x y z";
-    if (with_directions(o)) names += two ? " nx ny" : " nx ny nz";
+    if (with_direction_columns(o)) names += two ? " nx ny" : " nx ny nz";
     return names;
 }
 
@@ -525,11 +566,15 @@ std::string usage_text() {
     return R"(Usage: metrofit fit <feature> <file> [--probe-radius R [--inside]] [--json]
        metrofit fit cylinder|cone <file> [--normals FILE] [--axis X,Y,Z]
                 [--angle DEG] [--probe-radius R [--inside]] [--json]
+       metrofit fit axis <file> [--json]
+       metrofit hull <file> [--inside X,Y] [--json]
        metrofit --help | --version
 
-Fits a least-squares feature to the points in <file> ("-" reads standard
-input) and reports its parameters, the RMS error, the form deviation and the
-distribution quality of the points.
+fit: fits a least-squares feature to the points in <file> ("-" reads
+standard input) and reports its parameters, the RMS error, the form
+deviation and the distribution quality of the points.
+
+hull: the convex hull of points in the plane (see below).
 
 Features, and the numbers each data line holds:
   line2     straight line in the plane   x y
@@ -540,6 +585,8 @@ Features, and the numbers each data line holds:
   sphere    sphere                       x y z
   cylinder  cylinder                     x y z
   cone      cone                         x y z
+  axis      axis of a surface of         x y z nx ny nz
+            revolution
 
 Options:
   --probe-radius R   the points are centres of a probe ball of radius R that
@@ -575,6 +622,13 @@ contact direction after its coordinates:
 the surface normal at the contact, pointing from the surface towards the
 probe centre (any length but zero). --inside does not apply to them.
 
+The axis of a surface of revolution (a turned part of any profile) takes the
+surface normal at each point after its coordinates (any length but zero, in
+either sense): every normal line of such a surface meets the axis. It needs
+at least 6 points and takes no other options than --json. A cylinder's axis
+is found the same way; the normals of a sphere meet in one point and fix no
+axis, nor do those of a plane across the axis.
+
 Input: one point per line, numbers separated by commas, spaces or tabs;
 '#' starts a comment; blank lines are skipped. A line with another count of
 numbers, a word, or a value that is not finite stops the run with its line
@@ -583,16 +637,21 @@ number. Nothing is guessed.
 Reported figures:
   point     for lines and planes: the foot of the points' centroid on the
             feature (for probed fits, of the probe centres' centroid); for a
-            cylinder: the foot of that centroid on the axis, the point of the
-            axis among the data.
+            cylinder or an axis: the foot of that centroid on the axis, the
+            point of the axis among the data.
   apex      a cone's apex.
   axis      the unit axis direction of a cylinder or cone. A cone's points
             from the apex into the cone, towards the points: the way an
             inspection report reads it (the fit itself turns the axis
-            towards the apex). With --axis: in the sense nearer to it.
+            towards the apex). With --axis: in the sense nearer to it. The
+            axis of a surface of revolution has its largest component
+            positive.
   half_angle  a cone's half opening angle, between axis and surface, in
             degrees.
   rms       root mean square of the orthogonal distances of the points.
+            For an axis: of the distances by which the normal lines of the
+            points miss the axis (0 when every one meets it). An axis
+            reports no form nor quality.
   form      largest minus smallest signed residual: positive outside a
             circle, sphere, cylinder or cone, on the normal's side of a
             plane or line2, and towards the probe for probed fits. circle3
@@ -610,16 +669,26 @@ Reported figures:
             of --axis or --normals (the fit returns one outside the limit
             when none inside it fits nearly as well).
 
+hull: the convex hull of the points of <file>, "x y" per line. Prints a
+comment line with the count of hull vertices, then the vertices, one "x y"
+per line, counter-clockwise from the pivot (the lowest point, of equally low
+ones the rightmost): the output is itself a point file. A point exactly on
+an edge of the hull stays a vertex, except on the edge that closes the hull
+back to the pivot; repeated points count once; points all on one line give
+every distinct point, in order from the pivot.
+  --inside X,Y   also say where the point (X, Y) lies: inside, vertex (one
+                 of the vertices exactly), edge (on an edge, to a cross
+                 product of 1e-10) or outside; on a last comment line.
+  --json         {"points": n, "hull": [[x, y], ...], "indices": [...]} with
+                 "query": [X, Y] and "position" for --inside; the indices
+                 count the data lines of <file> from 0.
+
 Exit status: 0 fitted; 1 the fit refused the points (too few, or a set that
-fixes no such feature); 2 a usage error or a bad input file.
+fixes no such feature; no points for a hull); 2 a usage error or a bad input
+file.
 )";
 }
 
-namespace {
-
-// Whether args[i] is the option `name`, given as "--name VALUE" or
-// "--name=VALUE". When it is, `value` receives the value (i moves past it),
-// or `error` says it is missing or repeated.
 bool valued_option(const std::vector<std::string>& args, std::size_t& i, const std::string& name,
                    bool& given, std::string& value, std::string& error) {
     const std::string& a = args[i];
@@ -637,16 +706,12 @@ bool valued_option(const std::vector<std::string>& args, std::size_t& i, const s
     return true;
 }
 
-// The numbers of an option value ("1.5", "0,0,1", "0 0 1"); empty for
-// anything else.
 std::vector<double> option_numbers(const std::string& value) {
     std::vector<double> row;
     std::string why;
     if (parse_point_line(value, row, why) != 1) row.clear();
     return row;
 }
-
-}  // namespace
 
 int parse_options(const std::vector<std::string>& args, Options& o, std::string& error) {
     o = Options();
@@ -712,7 +777,7 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
         return kExitUsage;
     }
     if (positional[0] != "fit") {
-        error = "unknown command '" + positional[0] + "' (the command is 'fit')";
+        error = "unknown command '" + positional[0] + "' (the commands are 'fit' and 'hull')";
         return kExitUsage;
     }
     if (positional.size() < 3) {
@@ -784,12 +849,13 @@ int fit_table(const Options& o, const PointTable& t, const PointTable& normals, 
     r.inside = o.inside;
     // Contact directions of the probed plane and line. One of zero length
     // says nothing about the side: refuse the file rather than guess.
+    // The surface normals of an axis fit likewise: none of zero length.
     giUnitVec2coDynArr d2;
     giUnitVec3coDynArr d3;
-    if (with_directions(o)) {
-        const bool ok = f.dimension == 2
-                            ? read_directions2(t, d2, message)
-                            : read_directions3(t, 3, "", "contact direction", d3, message);
+    if (with_direction_columns(o)) {
+        const char* what = f.normal_columns ? "surface normal" : "contact direction";
+        const bool ok = f.dimension == 2 ? read_directions2(t, d2, message)
+                                         : read_directions3(t, 3, "", what, d3, message);
         if (!ok) return kExitUsage;
     }
     // Surface normals of a cylinder or cone, matched to the points by order:
@@ -832,6 +898,9 @@ int fit_table(const Options& o, const PointTable& t, const PointTable& normals, 
         case Feature::cone:
             status = fit_cone(o, t, n3, r);
             break;
+        case Feature::axis:
+            status = fit_axis(t, d3, r);
+            break;
     }
     if (status == kExitRefused) {
         const std::string what = std::string(o.probed ? "probed " : "") + f.name + " fit";
@@ -840,7 +909,7 @@ int fit_table(const Options& o, const PointTable& t, const PointTable& normals, 
                       " points; the file has " + std::to_string(t.rows());
         } else {
             message = "the " + what + " refused the " + std::to_string(t.rows()) +
-                      " points: they do not fix a " + f.description +
+                      " points: they do not fix " + article(f.description) + " " + f.description +
                       " (for example all equal, or all on one line)";
         }
     }
@@ -864,6 +933,7 @@ std::string format_human(const FitReport& r) {
         s += line + "\n";
     }
     s += "rms       " + number(r.rms, "%.6g") + "\n";
+    if (!r.form_and_quality) return s;
     s += "form      " + number(r.form_deviation, "%.6g") + "\n";
     s += "quality   " + number(r.distribution_quality, "%.4f") + "\n";
     return s;
@@ -888,13 +958,34 @@ std::string format_json(const FitReport& r) {
         s += "]";
     }
     s += ", \"rms\": " + json_number(r.rms);
-    s += ", \"form_deviation\": " + json_number(r.form_deviation);
-    s += ", \"distribution_quality\": " + json_number(r.distribution_quality) + "}\n";
-    return s;
+    if (r.form_and_quality) {
+        s += ", \"form_deviation\": " + json_number(r.form_deviation);
+        s += ", \"distribution_quality\": " + json_number(r.distribution_quality);
+    }
+    return s + "}\n";
+}
+
+bool read_table_file(const std::string& name, std::istream& in, int columns,
+                     const std::string& column_names, PointTable& table, std::ostream& err) {
+    std::string error;
+    bool read = false;
+    if (name == "-") {
+        read = read_point_table(in, columns, column_names, table, error);
+    } else {
+        std::ifstream file(name);
+        if (!file) {
+            err << "metrofit: cannot open '" << name << "'\n";
+            return false;
+        }
+        read = read_point_table(file, columns, column_names, table, error);
+    }
+    if (!read) err << "metrofit: " << name << ": " << error << "\n";
+    return read;
 }
 
 int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
                  std::ostream& err) {
+    if (is_hull_command(args)) return run_hull(args, in, out, err);
     Options o;
     std::string error;
     if (parse_options(args, o, error) != kExitOk) {
@@ -911,25 +1002,11 @@ int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::os
     }
 
     // Points, then the normals when given: both in the point file format.
-    const auto read_table = [&](const std::string& name, int columns, const std::string& names,
-                                PointTable& table) {
-        bool read = false;
-        if (name == "-") {
-            read = read_point_table(in, columns, names, table, error);
-        } else {
-            std::ifstream file(name);
-            if (!file) {
-                err << "metrofit: cannot open '" << name << "'\n";
-                return false;
-            }
-            read = read_point_table(file, columns, names, table, error);
-        }
-        if (!read) err << "metrofit: " << name << ": " << error << "\n";
-        return read;
-    };
     PointTable table, normals;
-    if (!read_table(o.file, expected_columns(o), column_names(o), table)) return kExitUsage;
-    if (!o.normals_file.empty() && !read_table(o.normals_file, 3, "nx ny nz", normals))
+    if (!read_table_file(o.file, in, expected_columns(o), column_names(o), table, err))
+        return kExitUsage;
+    if (!o.normals_file.empty() &&
+        !read_table_file(o.normals_file, in, 3, "nx ny nz", normals, err))
         return kExitUsage;
 
     FitReport report;
@@ -941,7 +1018,7 @@ int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::os
     out << (o.json ? format_json(report) : format_human(report));
     for (const std::string& warning : report.warnings)
         err << "metrofit: warning: " << warning << "\n";
-    if (!(report.distribution_quality >= kPoorQuality))
+    if (report.form_and_quality && !(report.distribution_quality >= kPoorQuality))
         err << "metrofit: warning: distribution quality "
             << number(report.distribution_quality, "%.2g") << ": the points hardly fix the "
             << report.feature << "; its parameters are unreliable\n";

@@ -1,11 +1,13 @@
 // The metrofit command line: parsing the arguments, running a fit on a
-// point table, and writing the result for people or as JSON.
+// point table, and writing the result for people or as JSON. The hull
+// command lives in hull_command.h; run_metrofit() hands it its arguments.
 //
 // run_metrofit() is the whole program behind main(), with its streams
 // passed in so that tests can run it in-process. Exit status: 0 done,
 // 1 the fit refused the points, 2 a usage error or a bad input file.
 #pragma once
 
+#include <cstddef>
 #include <istream>
 #include <ostream>
 #include <string>
@@ -20,7 +22,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 
-enum class Feature { line2, line3, plane, circle2, circle3, sphere, cylinder, cone };
+enum class Feature { line2, line3, plane, circle2, circle3, sphere, cylinder, cone, axis };
 
 // The angle the axis and surface directions of a cylinder or cone may
 // deviate by from --axis and --normals when --angle is not given.
@@ -64,6 +66,10 @@ struct FitReport {
     double rms = 0.0;
     double form_deviation = 0.0;
     double distribution_quality = 0.0;
+    // False for the axis of a surface of revolution: its residuals measure
+    // how well the normal lines meet the axis, not the form of a surface,
+    // and no distribution measure exists for it.
+    bool form_and_quality = true;
     // Remarks for standard error that do not stop the run (a fitted axis
     // beyond the allowed angle of the nominal one, for example).
     std::vector<std::string> warnings;
@@ -82,6 +88,26 @@ int fit_table(const Options& options, const PointTable& table, FitReport& report
 std::string format_human(const FitReport& report);
 std::string format_json(const FitReport& report);
 std::string usage_text();
+
+// Shared by the commands.
+
+// A number as JSON writes it: %.17g (exact), null for a non-finite value.
+std::string json_number(double v);
+
+// Whether args[i] is the option `name`, given as "--name VALUE" or
+// "--name=VALUE". When it is, `value` receives the value (i moves past it),
+// or `error` says it is missing or repeated (`given` tells a repeat).
+bool valued_option(const std::vector<std::string>& args, std::size_t& i, const std::string& name,
+                   bool& given, std::string& value, std::string& error);
+
+// The numbers of an option value ("1.5", "0,0,1", "0 0 1"); empty for
+// anything else.
+std::vector<double> option_numbers(const std::string& value);
+
+// Reads the point table of file `name` ("-": `in`). On failure writes
+// "metrofit: ..." with the reason to `err` and returns false.
+bool read_table_file(const std::string& name, std::istream& in, int columns,
+                     const std::string& column_names, PointTable& table, std::ostream& err);
 
 int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
                  std::ostream& err);
