@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -215,6 +216,14 @@ TEST(ContainersQuickSort, IndexSortOrdersIndicesByPagedKeys) {
         }
     }
     EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](int s) { return s == 1; }));
+
+    // Equal keys by index, NaN keys last: a defined order whatever the keys.
+    doublecoPageArr ties(0, 4, 1);
+    const double nan = std::nan("");
+    for (const double k : {2.0, nan, 1.0, 2.0, nan, 1.0}) ties.append(k);
+    intcoDynArr order = {4, 3, 2, 1, 0, 5};
+    doublecoQuickSortIndex(ties).sort(order);
+    EXPECT_EQ(std::vector<int>(order.begin(), order.end()), (std::vector<int>{2, 5, 0, 3, 1, 4}));
 }
 
 }  // namespace

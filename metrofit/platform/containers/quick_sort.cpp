@@ -1,6 +1,9 @@
 #include "metrofit/platform/containers/quick_sort.h"
 
+#include <algorithm>
+#include <cmath>
 #include <utility>
+#include <vector>
 
 namespace {
 constexpr int kInsertionCutoff = 12;
@@ -66,4 +69,22 @@ int doublecoQuickSortIndex::obj_compare(void* const a, void* const b) const {
 void doublecoQuickSortIndex::arr_swap(void* const arr, int i, int j) const {
     int* idx = static_cast<int*>(arr);
     std::swap(idx[i], idx[j]);
+}
+
+void doublecoQuickSortIndex::sort(intcoDynArr& index) const {
+    const int n = index.size();
+    std::vector<std::pair<double, int>> keyed(static_cast<std::size_t>(n > 0 ? n : 0));
+    for (int i = 0; i < n; ++i) keyed[i] = {keys_.read(index[i]), index[i]};
+    // Keys ascending, equal keys by index; NaN keys last (by index), so that
+    // the order stays a strict weak one whatever the keys hold.
+    std::sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) {
+        const bool nan_a = std::isnan(a.first), nan_b = std::isnan(b.first);
+        if (nan_a != nan_b) return nan_b;
+        if (!nan_a) {
+            if (a.first < b.first) return true;
+            if (b.first < a.first) return false;
+        }
+        return a.second < b.second;
+    });
+    for (int i = 0; i < n; ++i) index[i] = keyed[i].second;
 }

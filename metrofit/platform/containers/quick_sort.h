@@ -13,7 +13,10 @@
 //
 // doublecoQuickSortIndex sorts an array of indices by the values that a
 // doublecoPageArr holds at those indices (ascending; equal keys keep no
-// defined order).
+// defined order). Its sort(intcoDynArr&) first gathers the keys into one
+// contiguous array beside the indices and sorts those pairs directly (equal
+// keys then by index, NaN keys last), so the comparisons neither go through
+// the virtual interface nor read the paged array at random positions.
 #pragma once
 
 #include "metrofit/platform/containers/dyn_arr.h"
@@ -45,7 +48,7 @@ class doublecoQuickSortIndex : public coQuickSort {
 
     // Reorders index so that keys[index[0]] <= keys[index[1]] <= ...
     // Every index must be a valid position of keys.
-    void sort(intcoDynArr& index) const { coQuickSort::sort(index.data(), index.size()); }
+    void sort(intcoDynArr& index) const;
 
     int obj_compare(void* const a, void* const b) const override;
     void* arr_get(void* const arr, int i) const override { return static_cast<int*>(arr) + i; }
