@@ -983,23 +983,31 @@ bool read_table_file(const std::string& name, std::istream& in, int columns,
     return read;
 }
 
+int finish_early(int parse_status, const std::string& error, bool help, bool version,
+                 std::ostream& out, std::ostream& err) {
+    if (parse_status != kExitOk) {
+        err << "metrofit: " << error << "\nTry 'metrofit --help'.\n";
+        return kExitUsage;
+    }
+    if (help) {
+        out << usage_text();
+        return kExitOk;
+    }
+    if (version) {
+        out << "metrofit " << METROFIT_VERSION << "\n";
+        return kExitOk;
+    }
+    return -1;
+}
+
 int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
                  std::ostream& err) {
     if (is_hull_command(args)) return run_hull(args, in, out, err);
     Options o;
     std::string error;
-    if (parse_options(args, o, error) != kExitOk) {
-        err << "metrofit: " << error << "\nTry 'metrofit --help'.\n";
-        return kExitUsage;
-    }
-    if (o.help) {
-        out << usage_text();
-        return kExitOk;
-    }
-    if (o.version) {
-        out << "metrofit " << METROFIT_VERSION << "\n";
-        return kExitOk;
-    }
+    const int parsed = parse_options(args, o, error);
+    const int early = finish_early(parsed, error, o.help, o.version, out, err);
+    if (early >= 0) return early;
 
     // Points, then the normals when given: both in the point file format.
     PointTable table, normals;

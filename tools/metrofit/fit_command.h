@@ -109,6 +109,11 @@ std::vector<double> option_numbers(const std::string& value);
 bool read_table_file(const std::string& name, std::istream& in, int columns,
                      const std::string& column_names, PointTable& table, std::ostream& err);
 
+// After parsing: reports a usage error (kExitUsage), prints the help or the
+// version (kExitOk), or returns -1 when the command is to run.
+int finish_early(int parse_status, const std::string& error, bool help, bool version,
+                 std::ostream& out, std::ostream& err);
+
 int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
                  std::ostream& err);
 

@@ -5,10 +5,6 @@
 #include "metrofit/util/convex_hull.h"
 #include "tools/metrofit/fit_command.h"
 
-#ifndef METROFIT_VERSION
-#define METROFIT_VERSION "unknown"
-#endif
-
 namespace metrofit_tool {
 
 namespace {
@@ -158,18 +154,9 @@ int run_hull(const std::vector<std::string>& args, std::istream& in, std::ostrea
              std::ostream& err) {
     HullOptions o;
     std::string error;
-    if (parse_hull_options(args, o, error) != kExitOk) {
-        err << "metrofit: " << error << "\nTry 'metrofit --help'.\n";
-        return kExitUsage;
-    }
-    if (o.help) {
-        out << usage_text();
-        return kExitOk;
-    }
-    if (o.version) {
-        out << "metrofit " << METROFIT_VERSION << "\n";
-        return kExitOk;
-    }
+    const int parsed = parse_hull_options(args, o, error);
+    const int early = finish_early(parsed, error, o.help, o.version, out, err);
+    if (early >= 0) return early;
     PointTable table;
     if (!read_table_file(o.file, in, 2, "x y", table, err)) return kExitUsage;
     HullReport report;
