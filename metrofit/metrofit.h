@@ -1,6 +1,10 @@
 // Umbrella header: every public header of metrofit.
 #pragma once
 
+#include "metrofit/alignment/direct_shift_objective.h"
+#include "metrofit/alignment/interpolated_square_dists.h"
+#include "metrofit/alignment/plane_and_point.h"
+#include "metrofit/alignment/points_to_planes.h"
 #include "metrofit/features/axial_common.h"
 #include "metrofit/features/axis_rev.h"
 #include "metrofit/features/circle.h"

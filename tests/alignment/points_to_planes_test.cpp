@@ -1,0 +1,399 @@
+// Rigid alignment of measured points onto nominal planes: known motions
+// recovered by the direct fit and by repeated linear steps, locks, weights,
+// balances, tolerance bands, the positioning test and bad input.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <vector>
+
+#include "metrofit/alignment/direct_shift_objective.h"
+#include "metrofit/alignment/points_to_planes.h"
+#include "tests/support/random.h"
+#include "tests/support/sampling.h"
+
+namespace {
+
+using testsupport::random_motion;
+using testsupport::Rng;
+
+struct Sample {
+    giPoint3 nominal;
+    giVector3 normal;
+};
+
+// Points on the faces of the block [0, 100] x [0, 60] x [0, 40] moved by
+// `offset`, with outward normals; `faces` of the six (x-, x+, y-, y+, z-, z+).
+std::vector<Sample> block(int per_face, const giVector3& offset, std::uint64_t seed,
+                          int faces = 6) {
+    const double size[3] = {100, 60, 40};
+    Rng rng(seed);
+    std::vector<Sample> out;
+    for (int f = 0; f < faces; ++f) {
+        const int axis = f / 2;
+        const double side = f % 2 ? 1.0 : -1.0;
+        for (int k = 0; k < per_face; ++k) {
+            double p[3], n[3] = {0, 0, 0};
+            for (int c = 0; c < 3; ++c) p[c] = rng.uniform(0.0, size[c]);
+            p[axis] = f % 2 ? size[axis] : 0.0;
+            n[axis] = side;
+            out.push_back({giPoint3(p[0], p[1], p[2]) + offset, giVector3(n[0], n[1], n[2])});
+        }
+    }
+    return out;
+}
+
+giXform3 motion_about(const giXform3& motion, const giVector3& offset) {
+    return giXform3(offset) * motion * giXform3(giVector3(0, 0, 0) - offset);
+}
+
+// Loads the samples as bestfit entries, measured = motion * nominal + noise
+// along the normal.
+void load(tsPointsToPlanes& p, const std::vector<Sample>& s, const giXform3& motion,
+          double sigma = 0.0, std::uint64_t seed = 7) {
+    Rng rng(seed);
+    for (const Sample& e : s)
+        p.add_bestfit(motion * (e.nominal + e.normal * rng.normal(sigma)), e.nominal, e.normal,
+                      -DBL_MAX, DBL_MAX, 1.0);
+}
+
+// Largest distance between where T and E put the sample points.
+double pose_error(const giXform3& T, const giXform3& E, const std::vector<Sample>& s) {
+    double worst = 0.0;
+    for (const Sample& e : s) worst = std::max(worst, (T * e.nominal - E * e.nominal).length());
+    return worst;
+}
+
+// Iterates linear steps, re-loading the moved points each time, as an
+// iterative caller does; returns the composed transform.
+template <class Setup>
+giXform3 iterate_steps(const std::vector<Sample>& s, const giXform3& motion, Setup setup,
+                       int steps = 30) {
+    giXform3 total(giIdentity);
+    for (int k = 0; k < steps; ++k) {
+        tsPointsToPlanes p;
+        load(p, s, total * motion);
+        setup(p, total * motion);
+        giXform3 step;
+        if (!p.single_linear_step(step)) break;
+        total = step * total;
+    }
+    return total;
+}
+
+TEST(PointsToPlanes, DirectFitAndLinearStepsRecoverKnownMotion) {
+    struct Case {
+        double degrees, shift, offset;
+    } cases[] = {{30, 100, 0}, {10, 20, 1e3}, {5, 5, 1e5}};
+    int seed = 1;
+    for (const Case& c : cases) {
+        const giVector3 offset(c.offset, -0.5 * c.offset, 0.25 * c.offset);
+        const std::vector<Sample> s = block(6, offset, seed);
+        const giXform3 motion = motion_about(random_motion(c.degrees, c.shift, seed++), offset);
+        const giXform3 truth = motion.inverse();
+        const double tol = 1e-9 * std::max(1.0, c.offset / 100.0);
+
+        tsPointsToPlanes p;
+        load(p, s, motion);
+        giXform3 T, again;
+        double max_dev = -1.0;
+        const double worst = p.fit(T, 1e-9, &max_dev);
+        EXPECT_LT(pose_error(T, truth, s), tol) << c.degrees << " " << c.offset;
+        EXPECT_LT(worst, tol);
+        EXPECT_EQ(max_dev, 0.0);  // no positioning entries
+        EXPECT_EQ(p.fit(again, 1e-9, nullptr), worst);
+        EXPECT_TRUE(equal(T, again, 0.0));
+        EXPECT_EQ(p.num_guesses(), 60);
+
+        // The free step drops turns below 1e-7 rad: it stops within that
+        // angle times the part size.
+        const giXform3 stepped = iterate_steps(s, motion, [](tsPointsToPlanes&, const giXform3&) {});
+        EXPECT_LT(pose_error(stepped * motion, giXform3(giIdentity), s), 1e-7 * 120.0) << c.offset;
+    }
+}
+
+TEST(PointsToPlanes, NoisyDataGiveTheLeastSquaresPose) {
+    // At the least-squares pose the linear step has nothing left to do, and
+    // the direct fit lands there too.
+    const std::vector<Sample> s = block(20, giVector3(0, 0, 0), 3);
+    const giXform3 motion = random_motion(12, 30, 3);
+    tsPointsToPlanes p;
+    load(p, s, motion, 0.01, 5);
+    giXform3 T;
+    p.fit(T, 1e-9, nullptr);
+    tsPointsToPlanes moved;
+    Rng rng(5);
+    for (const Sample& e : s)
+        moved.add_bestfit(T * (motion * (e.nominal + e.normal * rng.normal(0.01))), e.nominal,
+                          e.normal, -DBL_MAX, DBL_MAX, 1.0);
+    mlMatrix M;
+    mlVector V;
+    moved.linear_step_free_points_to_planes(M, V);
+    // The gradient of the plane sum of squares vanishes: V = 0 to the
+    // precision of the pose (M^-1 V ~ 1e-10 in translation and turn).
+    for (int j = 0; j < 6; ++j) EXPECT_NEAR(V[j], 0.0, 1e-10 * M(j, j)) << j;
+    EXPECT_LT(pose_error(T, motion.inverse(), s), 0.05);
+}
+
+TEST(PointsToPlanes, LocksRestrictTheMotion) {
+    const giVector3 offset(500, 200, -100);
+    const std::vector<Sample> s = block(5, offset, 11);
+    // Rotations locked: a pure translation, recovered exactly along the
+    // allowed directions.
+    {
+        const giXform3 shift(giVector3(3, -4, 5));
+        tsPointsToPlanes p;
+        load(p, s, shift);
+        p.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
+        giXform3 T;
+        p.fit(T, 1e-9, nullptr);
+        EXPECT_LT(pose_error(T, shift.inverse(), s), 1e-9);
+        giXform3 step;
+        ASSERT_EQ(p.single_linear_step(step), 1);
+        EXPECT_TRUE(equal(giXform3(step.shift()), step, 0.0));  // no rotation
+        EXPECT_LT(pose_error(step, shift.inverse(), s), 1e-9);
+        // One lock vector: only its component of the shift is taken out.
+        tsPointsToPlanes q;
+        load(q, s, shift);
+        q.lock_rotations(giVector3(0, 0, 2), giVector3(), giVector3());
+        ASSERT_EQ(q.rotation_locks().size(), 1);
+        q.fit(T, 1e-9, nullptr);
+        EXPECT_NEAR(T(2, 3), -5.0, 1e-9);
+        EXPECT_EQ(T(0, 3), 0.0);
+        EXPECT_EQ(T(1, 3), 0.0);
+    }
+    // A locked direction: the measured direction lands on the nominal one
+    // exactly, and the rest of the motion (a turn about it and a shift) is
+    // found, by the direct fit and by the locked-axis steps.
+    {
+        const giXform3 motion =
+            motion_about(giXform3(giVector3(2, 1, -3)) *
+                             giXform3::rotation(giPoint3(0, 0, 0), giVector3(0.2, 0.1, 1),
+                                                giAngle(1, 20)),
+                         offset);
+        const giVector3 a = motion * giVector3(0, 0, 1), b(0, 0, 1);
+        tsPointsToPlanes p;
+        load(p, s, motion);
+        p.lock_direction(a, b, 0);
+        giXform3 T;
+        p.fit(T, 1e-9, nullptr);
+        EXPECT_LT((T * a - b).length(), 1e-12);
+        EXPECT_LT(pose_error(T, motion.inverse(), s), 1e-9);
+        const giXform3 stepped = iterate_steps(s, motion, [&](tsPointsToPlanes& q, const giXform3& m) {
+            q.lock_direction(m * giVector3(0, 0, 1), b, 0);
+        });
+        EXPECT_LT((stepped * a - b).length(), 1e-12);
+        EXPECT_LT(pose_error(stepped * motion, giXform3(giIdentity), s), 1e-9);
+        // With the flip mode the direction may land on -b: a reversed
+        // measured direction is carried onto b reversed.
+        tsPointsToPlanes f;
+        load(f, s, motion);
+        f.lock_direction(giVector3(0, 0, 0) - a, b, 1);
+        f.fit(T, 1e-9, nullptr);
+        EXPECT_LT((T * a - b).length(), 1e-12);
+        EXPECT_LT(pose_error(T, motion.inverse(), s), 1e-9);
+    }
+    // A locked point (point positioning entry): each step carries it onto
+    // its nominal and turns the part about it.
+    {
+        const giXform3 motion = motion_about(random_motion(15, 10, 4), offset);
+        const giPoint3 pivot = giPoint3(50, 30, 20) + offset;
+        const giXform3 stepped = iterate_steps(s, motion, [&](tsPointsToPlanes& q, const giXform3& m) {
+            q.add_positioning(m * pivot, pivot, giVector3(1, 0, 0), 0);
+        });
+        EXPECT_LT(pose_error(stepped * motion, giXform3(giIdentity), s), 1e-9);
+        tsPointsToPlanes q;
+        load(q, s, motion);
+        q.add_positioning(motion * pivot, pivot, giVector3(1, 0, 0), 0);
+        giXform3 step;
+        ASSERT_EQ(q.single_linear_step(step), 1);
+        EXPECT_LT((step * (motion * pivot) - pivot).length(), 1e-9);
+    }
+}
+
+TEST(PointsToPlanes, PositioningDominatesBestfit) {
+    // 3-2-1 positioning from one motion, bestfit points from another: the
+    // pose follows the positioning, the bestfit absorbs the disagreement.
+    const std::vector<Sample> s = block(6, giVector3(0, 0, 0), 21);
+    const giXform3 m1 = random_motion(8, 10, 6), m2 = giXform3(giVector3(0.3, -0.2, 0.1)) * m1;
+    tsPointsToPlanes p;
+    load(p, s, m2);
+    const giPoint3 pos[6] = {{10, 10, 0}, {90, 10, 0}, {50, 50, 0}, {10, 0, 10}, {90, 0, 10}, {0, 30, 20}};
+    const giVector3 nrm[6] = {{0, 0, -1}, {0, 0, -1}, {0, 0, -1}, {0, -1, 0}, {0, -1, 0}, {-1, 0, 0}};
+    for (int i = 0; i < 6; ++i) p.add_positioning(m1 * pos[i], pos[i], nrm[i], 1);
+    giXform3 T;
+    double positioning_max = -1.0;
+    const double worst = p.fit(T, 1e-9, &positioning_max);
+    EXPECT_LT(positioning_max, 1e-5);
+    EXPECT_GT(worst, 0.05);
+    EXPECT_LT(pose_error(T, m1.inverse(), s), 1e-5);
+    EXPECT_LT(p.standard_deviation_of_nominals(T), 1e-5);
+    EXPECT_GT(p.standard_deviation_of_nominals(giXform3(giIdentity)), 1.0);
+}
+
+TEST(PointsToPlanes, BalancedPairsCentreThePart) {
+    // A slab 10.2 thick between nominal faces x = 0 and x = 10, shifted by 3:
+    // balanced pairs (1, -1) centre it, 0.1 over on each side.
+    tsPointsToPlanes p;
+    for (int k = 0; k < 4; ++k) {
+        const double y = 10.0 * k, z = 5.0 * (k % 2);
+        p.add_balance(giPoint3(3.0 - 0.1, y, z), giPoint3(0, y, z), giVector3(-1, 0, 0), 1.0,
+                      giPoint3(3.0 + 10.1, y, z), giPoint3(10, y, z), giVector3(1, 0, 0), -1.0,
+                      1.0);
+    }
+    // The other directions pinned by ordinary entries on the y and z faces.
+    for (int k = 0; k < 3; ++k) {
+        p.add_bestfit(giPoint3(3.0 + 3.0 * k, 0, 1.0 + k), giPoint3(3.0 * k, 0, 1.0 + k),
+                      giVector3(0, -1, 0), -DBL_MAX, DBL_MAX, 1.0);
+        p.add_bestfit(giPoint3(4.0 + 2.0 * k, 5.0 + 9.0 * k, 0), giPoint3(1.0 + 2.0 * k, 5.0 + 9.0 * k, 0),
+                      giVector3(0, 0, -1), -DBL_MAX, DBL_MAX, 1.0);
+    }
+    EXPECT_EQ(p.balance_pairs().size(), 8u);
+    auto centred = [&](const giXform3& T) {
+        EXPECT_NEAR(p.bestfit_entries()[0].deviation(T), 0.1, 1e-9);
+        EXPECT_NEAR(p.bestfit_entries()[1].deviation(T), 0.1, 1e-9);
+        EXPECT_NEAR(p.best_fit_deviation_with_transform(T), 0.0, 1e-15);
+    };
+    giXform3 T;
+    ASSERT_EQ(p.single_linear_step(T), 1);
+    centred(T);
+    p.fit(T, 1e-9, nullptr);
+    centred(T);
+}
+
+TEST(PointsToPlanes, TolerancesBandsAreMetOrReported) {
+    // One high point among ten on z = 0: least squares leaves it outside a
+    // +-0.05 band, the minimax phase brings every point inside.
+    tsPointsToPlanes p;
+    for (int k = 0; k < 10; ++k)
+        p.add_bestfit(giPoint3(10.0 * k, 3.0 * (k % 3), k == 4 ? 0.09 : 0.0), giPoint3(10.0 * k, 3.0 * (k % 3), 0),
+                      giVector3(0, 0, 1), -0.05, 0.05, 1.0);
+    p.lock_rotations(giVector3(0, 0, 1), giVector3(), giVector3());
+    ASSERT_EQ(p.has_limits(), 1);
+    giXform3 T;
+    p.fit(T, 1e-9, nullptr);
+    for (const tsPlaneAndPoint& e : p.bestfit_entries()) {
+        EXPECT_LE(e.deviation(T), 0.05 + 1e-9);
+        EXPECT_GE(e.deviation(T), -0.05 - 1e-9);
+    }
+    // The linear step meets the band as well, through the constrained
+    // minimum, and reports nothing over-determined.
+    giXform3 step;
+    ASSERT_EQ(p.single_linear_step(step), 1);
+    for (const tsPlaneAndPoint& e : p.bestfit_entries()) EXPECT_LE(e.deviation(step), 0.05 + 1e-9);
+    EXPECT_EQ(p.overdetermined_constraints().size(), 0);
+
+    // Two bands that cannot both hold: reported, not silently violated.
+    tsPointsToPlanes q;
+    q.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), 0.1, 0.2, 1.0);
+    q.add_bestfit(giPoint3(5, 0, 0), giPoint3(5, 0, 0), giVector3(0, 0, 1), -0.2, -0.1, 1.0);
+    q.lock_rotations(giVector3(0, 0, 1), giVector3(), giVector3());
+    ASSERT_EQ(q.single_linear_step(step), 1);
+    EXPECT_GT(q.overdetermined_constraints().size(), 0);
+    q.clear_bestfit_data();
+    EXPECT_EQ(q.overdetermined_constraints().size(), 0);
+}
+
+TEST(PointsToPlanes, PositioningStates) {
+    using P = tsPointsToPlanes;
+    P p;
+    const giPoint3 pos[7] = {{10, 10, 0}, {90, 10, 0}, {50, 50, 0}, {10, 0, 10}, {90, 0, 10}, {0, 30, 20}, {0, 40, 30}};
+    const giVector3 nrm[7] = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 1, 0}, {0, 1, 0}, {1, 0, 0}, {1, 0, 0}};
+    const giXform3 I(giIdentity);
+    const P::POSITIONING_STATE last[7] = {P::POSITIONING_OPEN, P::POSITIONING_OPEN, P::POSITIONING_OPEN,
+                                          P::POSITIONING_OPEN, P::POSITIONING_OPEN, P::POSITIONING_COMPLETE,
+                                          P::POSITIONING_REDUNDANT};
+    for (int i = 0; i < 7; ++i) {
+        p.add_positioning(pos[i], pos[i], nrm[i], 1);
+        EXPECT_EQ(p.test_positioning(1, I), last[i]) << i;
+    }
+    EXPECT_EQ(p.test_positioning(0, I), P::POSITIONING_REDUNDANT);
+    // The redundant seventh goes to the spares; the pose holds.
+    giXform3 T(giIdentity);
+    EXPECT_EQ(p.fix_overdetermined_positioning(T), 1);
+    EXPECT_EQ(p.positioning_entries().size(), 6);
+    EXPECT_EQ(p.spare_entries().size(), 1);
+    EXPECT_EQ(p.test_positioning(0, I), P::POSITIONING_COMPLETE);
+    EXPECT_TRUE(equal(T, I, 1e-12));
+
+    // Spares complete an open positioning: the redundant spare is skipped.
+    P q;
+    const giWorkplane3 frame;
+    q.add_positioning(pos[0], frame, pos[0], P::PLANE_SPARE, P::PLANE_LOCKED, P::PLANE_LOCKED, 1);
+    q.add_positioning(pos[1], frame, pos[1], P::PLANE_IGNORED, P::PLANE_SOFT, P::PLANE_LOCKED, 1);
+    q.add_positioning(pos[2], frame, pos[2], P::PLANE_SPARE, P::PLANE_SPARE, P::PLANE_SPARE, 1);
+    EXPECT_EQ(q.positioning_entries().size(), 4);
+    EXPECT_EQ(q.positioning_entries()[2].weight, 0.001);
+    EXPECT_EQ(q.spare_entries().size(), 4);
+    EXPECT_EQ(q.test_positioning(0, I), P::POSITIONING_OPEN);
+    EXPECT_EQ(q.fix_undetermined_positioning(T), 1);
+    EXPECT_EQ(q.test_positioning(0, I), P::POSITIONING_COMPLETE);
+    EXPECT_LT(q.spare_entries().size(), 4);
+    // A locked direction leaves four motions to position.
+    P r;
+    r.lock_direction(giVector3(0, 0, 1), giVector3(0, 0, 1), 0);
+    for (int i : {0, 3, 4, 5}) r.add_positioning(pos[i], pos[i], nrm[i], 1);
+    EXPECT_EQ(r.test_positioning(0, I), P::POSITIONING_COMPLETE);
+}
+
+TEST(PointsToPlanes, LinearStepEdgeCases) {
+    // Three parallel planes leave the in-plane motions free: the step moves
+    // the points only along the normal.
+    tsPointsToPlanes p;
+    for (int k = 0; k < 9; ++k)
+        p.add_bestfit(giPoint3(7.0 * k, 3.0 * (k % 4), (k % 3) + 0.1), giPoint3(7.0 * k, 3.0 * (k % 4), k % 3),
+                      giVector3(0, 0, 1), -DBL_MAX, DBL_MAX, 1.0);
+    giXform3 step;
+    ASSERT_EQ(p.single_linear_step(step), 1);
+    EXPECT_TRUE(equal(step, giXform3(giVector3(0, 0, -0.1)), 1e-12));
+
+    // Rotation scale: kept when every point coincides, capped near a point.
+    tsPointsToPlanes at_one_point;
+    for (int k = 0; k < 3; ++k)
+        at_one_point.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(k == 0, k == 1, k == 2),
+                                 -DBL_MAX, DBL_MAX, 1.0);
+    ASSERT_EQ(at_one_point.single_linear_step(step), 1);
+    EXPECT_EQ(at_one_point.rotation_scale(), 1.0);
+    tsPointsToPlanes tiny;
+    tiny.add_bestfit(giPoint3(1e-12, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0), -DBL_MAX, DBL_MAX, 1.0);
+    tiny.add_bestfit(giPoint3(-1e-12, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0), -DBL_MAX, DBL_MAX, 1.0);
+    tiny.single_linear_step(step);
+    EXPECT_EQ(tiny.rotation_scale(), 1e7);
+}
+
+TEST(PointsToPlanes, BadInputAndLoadingRules) {
+    tsPointsToPlanes p;
+    giXform3 T;
+    EXPECT_EQ(p.fit(T, 1e-6, nullptr), 0.0);
+    EXPECT_TRUE(T.is_identity());
+    EXPECT_FALSE(p.have_enough_data());
+    const double nan = std::nan("");
+    p.add_bestfit(giPoint3(nan, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), -DBL_MAX, DBL_MAX, 1.0);
+    p.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), -DBL_MAX, DBL_MAX, 0.0);
+    p.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), -DBL_MAX, DBL_MAX, HUGE_VAL);
+    p.add_positioning(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(nan, 0, 1), 1);
+    p.add_balance(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0), 1.0, giPoint3(1, 0, 0),
+                  giPoint3(1, 0, 0), giVector3(1, 0, 0), -1.0, 0.0);
+    EXPECT_EQ(p.bestfit_entries().size() + p.positioning_entries().size(), 0);
+    EXPECT_EQ(p.fit(T, 1e-6, nullptr), 0.0);
+    // Open limits do not count as limits; the weight is carried by the normal.
+    p.add_bestfit(giPoint3(0, 0, 1), giPoint3(0, 0, 0), giVector3(0, 0, 2), -DBL_MAX, DBL_MAX, 3.0);
+    EXPECT_EQ(p.has_limits(), 0);
+    EXPECT_EQ(p.bestfit_entries()[0].normal.z(), 6.0);
+    EXPECT_EQ(p.bestfit_entries()[0].deviation(giXform3(giIdentity)), 2.0);
+    EXPECT_TRUE(p.have_enough_data());
+    EXPECT_FALSE(p.have_constraints());
+    p.increase_num_guesses();
+    EXPECT_EQ(p.num_guesses(), 240);
+    p.fit(T, 1e-6, nullptr);
+    EXPECT_EQ(p.num_guesses(), 60);
+    // The objective's parameter count follows the locks and the mode.
+    giVector3coDynArr none, two;
+    two.append(giVector3(1, 0, 0));
+    two.append(giVector3(0, 1, 0));
+    EXPECT_EQ(tsAmoebaPointsToPlanesDirectShift::get_dimension(false, none, 0), 3);
+    EXPECT_EQ(tsAmoebaPointsToPlanesDirectShift::get_dimension(true, none, 1), 4);
+    EXPECT_EQ(tsAmoebaPointsToPlanesDirectShift::get_dimension(true, two, 1), 2);
+}
+
+}  // namespace
