@@ -49,8 +49,8 @@ consumer: build
 	cmake --build $(BUILD)/_consumer -j $(JOBS) > /dev/null
 	$(BUILD)/_consumer/consumer
 
-# Fits every sample file in examples/ with the command-line tool, and takes
-# the convex hull of the planar sample.
+# Fits every sample file in examples/ with the command-line tool, takes the
+# convex hull of the planar sample and aligns the block sample.
 demo: build
 	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone axis; do \
 	  echo "== metrofit fit $$f examples/$$f.txt"; \
@@ -59,6 +59,9 @@ demo: build
 	done
 	@echo "== metrofit hull examples/hull.txt --inside 20,15"
 	@$(BUILD)/tools/metrofit/metrofit hull examples/hull.txt --inside 20,15
+	@echo
+	@echo "== metrofit align examples/align.txt"
+	@$(BUILD)/tools/metrofit/metrofit align examples/align.txt
 
 sanitize: deps
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMETROFIT_SANITIZE=ON $(CMAKE_ARGS)

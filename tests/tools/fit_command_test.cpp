@@ -686,7 +686,7 @@ TEST(ToolHull, RefusesBadArgumentsAndInput) {
         {{"hull", "-", "--probe-radius", "1"}, "", "unknown option '--probe-radius'", kExitUsage},
         {{"hull", "-"}, "0 0\n1 0\n0 1 2\n", "-: line 3: expected 2 numbers (x y)", kExitUsage},
         {{"hull", "-"}, "# no points\n", "at least one point; the file has 0", kExitRefused},
-        {{"hulls", "-"}, "", "the commands are 'fit' and 'hull'", kExitUsage},
+        {{"hulls", "-"}, "", "the commands are 'fit', 'hull' and 'align'", kExitUsage},
     };
     for (const auto& c : cases) {
         const ToolRun r = run_tool(c.args, c.input);

@@ -568,6 +568,8 @@ std::string usage_text() {
                 [--angle DEG] [--probe-radius R [--inside]] [--json]
        metrofit fit axis <file> [--json]
        metrofit hull <file> [--inside X,Y] [--json]
+       metrofit align <file> [--tolerance T] [--lock-direction A:B]
+                [--lock-rotations] [--steps N] [--json]
        metrofit --help | --version
 
 fit: fits a least-squares feature to the points in <file> ("-" reads
@@ -575,6 +577,9 @@ standard input) and reports its parameters, the RMS error, the form
 deviation and the distribution quality of the points.
 
 hull: the convex hull of points in the plane (see below).
+
+align: the rigid motion that carries measured points onto nominal planes
+(see "metrofit align --help").
 
 Features, and the numbers each data line holds:
   line2     straight line in the plane   x y
@@ -777,7 +782,7 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
         return kExitUsage;
     }
     if (positional[0] != "fit") {
-        error = "unknown command '" + positional[0] + "' (the commands are 'fit' and 'hull')";
+        error = "unknown command '" + positional[0] + "' (the commands are 'fit', 'hull' and 'align')";
         return kExitUsage;
     }
     if (positional.size() < 3) {

@@ -1,0 +1,171 @@
+#include "tools/metrofit/align_command.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/sampling.h"
+#include "tools/metrofit/fit_command.h"
+
+namespace {
+
+using namespace metrofit_tool;
+
+struct AlignRun {
+    int status;
+    std::string out, err;
+};
+
+// Runs `align - --json ARGS` on `input`.
+AlignRun align(std::vector<std::string> args, const std::string& input) {
+    args.insert(args.begin(), {"align", "-", "--json"});
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    const int status = run_align(args, in, out, err);
+    return {status, out.str(), err.str()};
+}
+
+// Every number after "key": up to the bracket that closes its value.
+std::vector<double> numbers(const std::string& json, const std::string& key) {
+    std::vector<double> v;
+    int depth = 0;
+    for (const char* p = json.c_str() + json.find("\"" + key + "\": ") + key.size() + 4; *p; ++p) {
+        char* end = nullptr;
+        const double x = std::strtod(p, &end);
+        if (end != p) v.push_back(x), p = end - 1;  // on its last digit
+        depth += (*p == '[' || *p == '{') - (*p == ']' || *p == '}');
+        if (depth <= 0 && (*p == ']' || *p == '}' || *p == ',')) break;
+    }
+    return v;
+}
+
+// Rows on five faces of the block [0, 100] x [0, 60] x [0, 40], 4 points a face,
+// outward normals, measured where `motion` carries them onto their nominal
+// points (row `bump` 0.4 outside its face), framed by `head` and `tail`.
+std::string block(const giXform3& motion, const std::string& tail = "", int bump = -1,
+                  const std::string& head = "") {
+    const giXform3 back = motion.inverse();
+    testsupport::Rng rng(7);
+    std::ostringstream s;
+    s.precision(17);
+    const double size[3] = {100, 60, 40};
+    for (int row = 0; row < 20; ++row) {
+        const int axis = row / 4 % 3, high = row / 12;  // faces x0 y0 z0 x1 y1
+        double q[3], n[3] = {0, 0, 0};
+        for (int k = 0; k < 3; ++k) q[k] = rng.uniform(0.1, 0.9) * size[k];
+        q[axis] = high * size[axis];
+        n[axis] = high ? 1 : -1;
+        const double out = row == bump ? 0.4 : 0.0;
+        const giPoint3 m = back * giPoint3(q[0] + out * n[0], q[1] + out * n[1], q[2] + out * n[2]);
+        s << head << m.x() << " " << m.y() << " " << m.z() << " " << q[0] << " " << q[1] << " "
+          << q[2] << " " << n[0] << " " << n[1] << " " << n[2] << tail << "\n";
+    }
+    return s.str();
+}
+
+// Exact data, near and far from the origin: the direct fit and the steps
+// find the motion; the JSON has its shape.
+TEST(ToolAlign, RecoversAKnownMotion) {
+    const giXform3 near = testsupport::random_motion(10, 20, 11);
+    const struct {
+        std::vector<std::string> args;
+        giXform3 motion;
+        double tol;
+    } cases[] = {{{}, near, 1e-9},
+                 // The shift takes a turn error of 1e-11 rad times the 1e4 offset.
+                 {{}, testsupport::random_motion(10, 1e4, 12), 1e-7},
+                 // A step drops turns below 1e-7 rad: 1e-7 times the 50 of the part.
+                 {{"--steps", "100"}, near, 1e-5}};
+    for (const auto& c : cases) {
+        const std::string rows = block(c.motion);
+        const AlignRun r = align(c.args, rows);
+        ASSERT_EQ(r.status, kExitOk) << r.err;
+        const std::vector<double> t = numbers(r.out, "transform");
+        ASSERT_EQ(t.size(), 16u) << r.out;
+        for (int i = 0; i < 12; ++i) EXPECT_NEAR(t[i], c.motion(i / 4, i % 4), c.tol) << i;
+        EXPECT_EQ(std::vector<double>(t.begin() + 12, t.end()), (std::vector<double>{0, 0, 0, 1}));
+        EXPECT_EQ(numbers(r.out, "deviations").size(), 40u);  // before and after of 20
+        EXPECT_GT(numbers(r.out, "max_before")[0], 1.0);
+        EXPECT_LT(numbers(r.out, "rms_after")[0], c.tol);
+        EXPECT_EQ(align(c.args, rows).out, r.out);  // deterministic
+    }
+}
+
+// Locks the data contradict still hold: z stays z, or nothing turns.
+TEST(ToolAlign, LocksHoldAgainstTheData) {
+    const std::string rows = block(testsupport::random_motion(10, 20, 13));
+    for (const std::string lock : {"--lock-direction=0,0,2:0,0,1", "--lock-rotations"}) {
+        for (const char* mode : {"--steps=30", "--tolerance=1e-9"}) {
+            const std::vector<double> t = numbers(align({lock, mode}, rows).out, "transform");
+            ASSERT_EQ(t.size(), 16u) << lock << mode;
+            const int stride = lock.size() > 20 ? 3 : 1;           // the third column, or all of it
+            for (int i = stride == 3 ? 2 : 0; i < 9; i += stride)  // row i / 3, column i % 3
+                EXPECT_NEAR(t[i / 3 * 4 + i % 3], i % 4 == 0, 1e-12) << lock << mode << i;
+        }
+    }
+}
+
+// Positioning rows hold the part against bestfit rows measured as if it
+// sat 0.1 further along x: every P deviation stays within 1e-5.
+TEST(ToolAlign, PositioningRowsOutweighBestfitRows) {
+    const giXform3 motion = testsupport::random_motion(5, 10, 12);
+    const std::string rows =
+        block(motion, "", -1, "P ") + block(giXform3::translation(giVector3(0.1, 0, 0)) * motion);
+    for (const char* steps : {"--steps=50", "--tolerance=1e-9"}) {
+        const AlignRun r = align({steps}, rows);
+        ASSERT_EQ(r.status, kExitOk) << r.err;
+        const std::vector<double> d = numbers(r.out, "deviations");
+        for (int k = 0; k < 20; ++k) EXPECT_LT(std::fabs(d[2 * k + 1]), 1e-5) << steps << k;
+        EXPECT_GT(std::fabs(d[2 * 20 + 1]), 0.01);  // a B entry pays for it
+        EXPECT_NE(r.out.find("{\"kind\": \"P\""), std::string::npos);
+    }
+}
+
+// One of the four bottom points 0.4 out, shifts only: least squares leaves
+// it 0.3 out (the others -0.1); open limits, however written, change
+// nothing; bands of +-0.25 on every entry make the fit minimise the largest
+// deviation instead: the bottom points end at +-0.2, no entry beyond.
+TEST(ToolAlign, LimitColumnsBoundTheDeviations) {
+    const giXform3 shift = giXform3::translation(giVector3(1, 2, 3));
+    const AlignRun plain = align({"--lock-rotations"}, block(shift, "", 8));
+    EXPECT_NEAR(numbers(plain.out, "deviations")[17], 0.3, 1e-9);
+    for (const char* open : {" - -", " -inf inf 1", " - +inf"})
+        EXPECT_EQ(align({"--lock-rotations"}, block(shift, open, 8)).out, plain.out) << open;
+    const AlignRun banded = align({"--lock-rotations"}, block(shift, " -0.25 0.25", 8));
+    ASSERT_EQ(banded.status, kExitOk) << banded.err;
+    const std::vector<double> d = numbers(banded.out, "deviations");
+    for (int k = 8; k < 12; ++k) EXPECT_NEAR(d[2 * k + 1], k == 8 ? 0.2 : -0.2, 1e-6) << k;
+    EXPECT_NEAR(numbers(banded.out, "max_after")[0], 0.2, 1e-6);
+}
+
+TEST(ToolAlign, RefusesBadRowsAndOptions) {
+    const std::string ok = "1 2 3 1 2 3 0 0 1\n";
+    const struct {
+        std::vector<std::string> args;
+        std::string input, message;
+        int status;
+    } cases[] = {
+        {{}, ok + "1 2 3 4 5 6 0 0 1 0\n", "line 2: expected 9, 11 or 12 numbers", kExitUsage},
+        {{}, ok + "# c\n1 2 3 4 5 6 nan 0 1\n", "line 3: value is not finite: 'nan'", kExitUsage},
+        {{}, "P 1 2 3 4 5 6 0 0 1 -1 1\n", "takes 9 numbers after P", kExitUsage},
+        {{}, "1 2 3 4 5 6 0 0 0\n", "line 1: the normal has no length", kExitUsage},
+        {{}, "1 2 3 4 5 6 0 0 1 1 -1\n", "lower limit 1 lies above the upper -1", kExitUsage},
+        {{}, "1 2 3 4 5 6 0 0 1 - - 0\n", "weight must be above 0", kExitUsage},
+        {{}, "# nothing\n", "at least one entry; the file has 0", kExitRefused},
+        {{"--steps", "0"}, ok, "--steps needs a whole number", kExitUsage},
+        {{"--lock-direction", "1,0,0"}, ok, "AX,AY,AZ:BX,BY,BZ", kExitUsage},
+        {{"--lock-rotations", "--lock-direction=1,0,0:0,0,1"}, ok, "exclude", kExitUsage},
+    };
+    for (const auto& c : cases) {
+        const AlignRun r = align(c.args, c.input);
+        EXPECT_EQ(r.status, c.status) << c.message;
+        EXPECT_TRUE(r.out.empty()) << r.out;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    }
+}
+
+}  // namespace
