@@ -117,6 +117,7 @@ void tsPointsToPlanes::clear_bestfit_data() {
     bestfit_entries_.clear(0);
     balance_pairs_.clear();
     overdetermined_.clear(0);
+    has_limits_ = 0;
 }
 
 bool tsPointsToPlanes::have_constraints() const {

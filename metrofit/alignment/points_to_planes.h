@@ -139,6 +139,8 @@ class tsPointsToPlanes {
     void lock_direction(const giVector3& point, const giVector3& direction, int mode);
     void lock_rotations(const giVector3& a, const giVector3& b, const giVector3& c);
     void reserve_bestfit(int n) { bestfit_entries_.reserve(n); }
+    // Empties the bestfit entries, their balance pairs, the limits flag and
+    // the over-determined constraints; positioning entries and locks stay.
     void clear_bestfit_data();
 
     // Setters.
