@@ -26,7 +26,8 @@ void axis_rotation(const double u[3], double angle, Mat3 R) {
 void multiply(const Mat3 A, const Mat3 B, Mat3 out) {
     double P[3][3];
     for (int r = 0; r < 3; ++r)
-        for (int c = 0; c < 3; ++c) P[r][c] = A[r][0] * B[0][c] + A[r][1] * B[1][c] + A[r][2] * B[2][c];
+        for (int c = 0; c < 3; ++c)
+            P[r][c] = A[r][0] * B[0][c] + A[r][1] * B[1][c] + A[r][2] * B[2][c];
     for (int r = 0; r < 3; ++r)
         for (int c = 0; c < 3; ++c) out[r][c] = P[r][c];
 }
@@ -54,8 +55,8 @@ inline bool has_partner(const tsBalancePairs& pairs, int i, int n) {
 
 tsAmoebaPointsToPlanesDirectShift::tsAmoebaPointsToPlanesDirectShift(
     const tsPlaneAndPointcoDynArr& data, const tsBalancePairs& pairs,
-    const giVector3coDynArr& directions, const giVector3coDynArr& rotation_locks,
-    double attraction, int mode, int n_positioning)
+    const giVector3coDynArr& directions, const giVector3coDynArr& rotation_locks, double attraction,
+    int mode, int n_positioning)
     : data_(data),
       pairs_(pairs),
       directions_(directions),
@@ -264,8 +265,8 @@ void tsAmoebaPointsToPlanesDirectShift::keep_transform(const double R[3][3], con
     double Rg[3];
     for (int r = 0; r < 3; ++r)
         Rg[r] = R[r][0] * centre_[0] + R[r][1] * centre_[1] + R[r][2] * centre_[2];
-    shift_ = giVector3(centre_[0] - Rg[0] + t[0], centre_[1] - Rg[1] + t[1],
-                       centre_[2] - Rg[2] + t[2]);
+    shift_ =
+        giVector3(centre_[0] - Rg[0] + t[0], centre_[1] - Rg[1] + t[1], centre_[2] - Rg[2] + t[2]);
 }
 
 double tsAmoebaPointsToPlanesDirectShift::evaluate(const double R[3][3], const double t[3]) {
@@ -326,8 +327,7 @@ double tsAmoebaPointsToPlanesDirectShift::evaluate(const double R[3][3], const d
     return std::isnan(f) ? DBL_MAX : f;
 }
 
-void tsAmoebaPointsToPlanesDirectShift::shift_from_parameters(const mlSlice& x,
-                                                              double t[3]) const {
+void tsAmoebaPointsToPlanesDirectShift::shift_from_parameters(const mlSlice& x, double t[3]) const {
     const int k = lock_count();
     t[0] = t[1] = t[2] = 0.0;
     for (int j = 0; j < (k > 0 ? k : 3); ++j) {
@@ -396,6 +396,4 @@ void tsAmoebaPointsToPlanesDirectShift::convert_to_min_max_parameter(const mlVec
     for (int j = 0; j < k; ++j) out[rotation_dim_ + j] = coefficients[j] / radius_;
 }
 
-giXform3 tsAmoebaPointsToPlanesDirectShift::transform() const {
-    return giXform3(shift_) * matrix_;
-}
+giXform3 tsAmoebaPointsToPlanesDirectShift::transform() const { return giXform3(shift_) * matrix_; }

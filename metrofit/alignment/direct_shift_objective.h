@@ -74,8 +74,7 @@ class tsAmoebaPointsToPlanesDirectShift : public mlFunctionN1 {
                                       const giVector3coDynArr& rotation_locks, double attraction,
                                       int mode, int n_positioning = 0);
 
-    static int get_dimension(bool has_direction, const giVector3coDynArr& rotation_locks,
-                             int mode);
+    static int get_dimension(bool has_direction, const giVector3coDynArr& rotation_locks, int mode);
     int dimension() const { return dimension_; }
     int mode() const { return mode_; }
     bool rotations_locked() const { return rotation_locks_.size() > 0; }

@@ -116,7 +116,8 @@ struct FreeModel : tsPointsToPlanes::StepModel {
     }
     giXform3 xform(const mlVector& x, double t) const override {
         giXform3 X(giVector3(t * x[0], t * x[1], t * x[2]));
-        X.postmultiply(turn(c, giVector3(t * s * x[3], t * s * x[4], t * s * x[5]), kSmallestRotation));
+        X.postmultiply(
+            turn(c, giVector3(t * s * x[3], t * s * x[4], t * s * x[5]), kSmallestRotation));
         return X;
     }
 };
@@ -237,7 +238,8 @@ double ts_square_dists_sum(const tsPlaneAndPointcoDynArr& entries, const tsBalan
         if (pairs && partner_of(*pairs, i, n)) {
             const tsPlaneAndPoint& f = entries[i + 1];
             const giVector3 v2 = X * f.measured_point - f.nominal_point;
-            r = pair_coefficient(*pairs, i) * r + pair_coefficient(*pairs, i + 1) * dot(v2, f.normal);
+            r = pair_coefficient(*pairs, i) * r +
+                pair_coefficient(*pairs, i + 1) * dot(v2, f.normal);
             sum += c * v2.length_squared();
             ++i;
         }
@@ -289,8 +291,7 @@ void tsPointsToPlanes::build_rows(const StepModel& model, int with_positioning,
     }
     double J[3][kMaxParameters];
     // Plane row and point rows of one entry; the plane row is returned.
-    auto rows_of = [&](const tsPlaneAndPoint& e, double a[kMaxParameters], double& r,
-                       bool points) {
+    auto rows_of = [&](const tsPlaneAndPoint& e, double a[kMaxParameters], double& r, bool points) {
         const giPoint3 m0 = model.start(e.measured_point);
         model.jacobian(m0, J);
         const giVector3 v = e.nominal_point - m0;
@@ -344,68 +345,52 @@ void tsPointsToPlanes::build_rows(const StepModel& model, int with_positioning,
     }
 }
 
-void tsPointsToPlanes::linear_step_free_points_to_planes(mlMatrix& M, mlVector& V) const {
+void tsPointsToPlanes::equations_of(const StepModel& model, int planes, mlMatrix& M,
+                                    mlVector& V) const {
     StepRows rows;
-    build_rows(FreeModel(step_centre_, rotation_scale_), 0, rows);
-    M = rows.M1;
-    V = rows.V1;
+    build_rows(model, 0, rows);
+    M = planes ? rows.M1 : rows.M2;
+    V = planes ? rows.V1 : rows.V2;
+}
+
+void tsPointsToPlanes::linear_step_free_points_to_planes(mlMatrix& M, mlVector& V) const {
+    equations_of(FreeModel(step_centre_, rotation_scale_), 1, M, V);
 }
 
 void tsPointsToPlanes::linear_step_free_points_to_points(mlMatrix& M, mlVector& V) const {
-    StepRows rows;
-    build_rows(FreeModel(step_centre_, rotation_scale_), 0, rows);
-    M = rows.M2;
-    V = rows.V2;
+    equations_of(FreeModel(step_centre_, rotation_scale_), 0, M, V);
 }
 
 void tsPointsToPlanes::linear_step_rotation_points_to_planes(const giPoint3& a, const giPoint3& b,
                                                              mlMatrix& M, mlVector& V) const {
-    StepRows rows;
-    build_rows(PivotModel(a, b), 0, rows);
-    M = rows.M1;
-    V = rows.V1;
+    equations_of(PivotModel(a, b), 1, M, V);
 }
 
 void tsPointsToPlanes::linear_step_rotation_points_to_points(const giPoint3& a, const giPoint3& b,
                                                              mlMatrix& M, mlVector& V) const {
-    StepRows rows;
-    build_rows(PivotModel(a, b), 0, rows);
-    M = rows.M2;
-    V = rows.V2;
+    equations_of(PivotModel(a, b), 0, M, V);
 }
 
 void tsPointsToPlanes::linear_step_translates_points_to_planes(mlMatrix& M, mlVector& V) const {
-    StepRows rows;
-    build_rows(TranslatesModel(rotation_locks_), 0, rows);
-    M = rows.M1;
-    V = rows.V1;
+    equations_of(TranslatesModel(rotation_locks_), 1, M, V);
 }
 
 void tsPointsToPlanes::linear_step_translates_points_to_points(mlMatrix& M, mlVector& V) const {
-    StepRows rows;
-    build_rows(TranslatesModel(rotation_locks_), 0, rows);
-    M = rows.M2;
-    V = rows.V2;
+    equations_of(TranslatesModel(rotation_locks_), 0, M, V);
 }
 
 void tsPointsToPlanes::linear_step_fixed_axis_points_to_planes(int n_orts, const giPoint3& a,
                                                                const giPoint3& b,
                                                                const giVector3& axis, mlMatrix& M,
                                                                mlVector& V) const {
-    StepRows rows;
-    build_rows(AxisModel(giXform3(giIdentity), a, b, axis, n_orts, rotation_scale_), 0, rows);
-    M = rows.M1;
-    V = rows.V1;
+    equations_of(AxisModel(giXform3(giIdentity), a, b, axis, n_orts, rotation_scale_), 1, M, V);
 }
 
 void tsPointsToPlanes::linear_step_fixed_axis_points_to_points(int n_orts, const giPoint3& a,
                                                                const giPoint3& b,
                                                                const giVector3& axis, mlMatrix& M,
                                                                mlVector& V) const {
-    StepRows rows;
-    build_rows(AxisModel(giXform3(giIdentity), a, b, axis, n_orts, rotation_scale_), 0, rows);
-    M = rows.M2;
-    V = rows.V2;
+    equations_of(AxisModel(giXform3(giIdentity), a, b, axis, n_orts, rotation_scale_), 0, M, V);
 }
 
 int tsPointsToPlanes::linear_step_fixed_axis_orts(int n, const giVector3& axis, giVector3* orts) {
@@ -493,7 +478,8 @@ giPoint3 tsPointsToPlanes::update_rotation_scale(const giXform3& pre, int with_p
     if (n == 0) return giPoint3(0.0, 0.0, 0.0);
     const giPoint3 c(s[0] / n, s[1] / n, s[2] / n);
     double ss = 0.0;
-    for (const tsPlaneAndPoint& e : bestfit_entries_) ss += (pre * e.measured_point - c).length_squared();
+    for (const tsPlaneAndPoint& e : bestfit_entries_)
+        ss += (pre * e.measured_point - c).length_squared();
     if (with_positioning)
         for (const tsPlaneAndPoint& e : positioning_entries_)
             ss += (pre * e.measured_point - c).length_squared();
@@ -536,8 +522,8 @@ int tsPointsToPlanes::solve_and_search(const StepModel& model, int with_position
             positioning.append(e);
         }
     }
-    const StepLine line(model, x, bestfit_entries_, balance_pairs_.empty() ? nullptr : &balance_pairs_,
-                        positioning);
+    const StepLine line(model, x, bestfit_entries_,
+                        balance_pairs_.empty() ? nullptr : &balance_pairs_, positioning);
     xform = model.xform(x, line_search(line));
     return 1;
 }
@@ -556,9 +542,9 @@ int tsPointsToPlanes::single_linear_step_free(giXform3& xform) {
     if (has_limits_) constraint_coefs(rows.plane_rows, rows.plane_rhs);
     mlVector a, b;
     if (!search_constrained_minimum(M, V, 6, a, b)) return 0;
-    const tsInterpolatedSquareDistsSumFree line(
-        bestfit_entries_, a, b, rotation_scale_, kPointTie, kSmallestRotation, c,
-        balance_pairs_.empty() ? nullptr : &balance_pairs_);
+    const tsInterpolatedSquareDistsSumFree line(bestfit_entries_, a, b, rotation_scale_, kPointTie,
+                                                kSmallestRotation, c,
+                                                balance_pairs_.empty() ? nullptr : &balance_pairs_);
     xform = line.interpolate_xform(line_search(line));
     return 1;
 }

@@ -71,8 +71,8 @@ void tsPointsToPlanes::add_positioning(const giPoint3& measured, const giWorkpla
 }
 
 void tsPointsToPlanes::add_bestfit(const giPoint3& measured, const giPoint3& nominal,
-                                   const giVector3& normal, double lower_limit,
-                                   double upper_limit, double weight) {
+                                   const giVector3& normal, double lower_limit, double upper_limit,
+                                   double weight) {
     if (weight == 0.0) return;
     const tsPlaneAndPoint e(measured, nominal, normal, 1, lower_limit, upper_limit, weight);
     if (!e.is_finite()) return;
@@ -194,8 +194,8 @@ int tsPointsToPlanes::data_for_downhill(tsPlaneAndPointcoDynArr& data, tsBalance
         pairs.assign(data.size(), std::make_pair(-1, 0.0));
         for (int i = 0; i < static_cast<int>(balance_pairs_.size()); ++i)
             if (balance_pairs_[i].first != -1)
-                pairs[np + i] = std::make_pair(balance_pairs_[i].first + np,
-                                               balance_pairs_[i].second);
+                pairs[np + i] =
+                    std::make_pair(balance_pairs_[i].first + np, balance_pairs_[i].second);
     }
     return np;
 }
@@ -251,8 +251,8 @@ double tsPointsToPlanes::fit(giXform3& T, double tolerance, double* max_deviatio
 }
 
 double tsPointsToPlanes::fit_pairs_downhill(tsAmoebaPointsToPlanesDirectShift& objective,
-                                            giXform3& T, double tolerance,
-                                            double* max_deviation, mlVector* parameters) const {
+                                            giXform3& T, double tolerance, double* max_deviation,
+                                            mlVector* parameters) const {
     mlRandom random(1);
     const int dim = objective.dimension();
     double best_max = DBL_MAX, best_measure = DBL_MAX;
@@ -337,7 +337,8 @@ namespace {
 
 // Basis of the rigid motions (t, omega L) that the locks leave free, as
 // columns of a 6 x dof matrix.
-mlMatrix free_motions(const giVector3coDynArr& rotation_locks, const giVector3coDynArr& directions) {
+mlMatrix free_motions(const giVector3coDynArr& rotation_locks,
+                      const giVector3coDynArr& directions) {
     mlMatrix B;
     if (rotation_locks.size() > 0) {
         B.become(6, rotation_locks.size());
@@ -428,7 +429,8 @@ tsPointsToPlanes::POSITIONING_STATE tsPointsToPlanes::test_positioning(
     double L;
     centre_and_radius(positioning_entries_, T, g, L);
     std::vector<double> rows;
-    for (int i = 0; i + 1 < n; ++i) append_positioning_rows(positioning_entries_[i], T, g, L, B, rows);
+    for (int i = 0; i + 1 < n; ++i)
+        append_positioning_rows(positioning_entries_[i], T, g, L, B, rows);
     const int rank_before = rank_of_rows(rows, dof);
     if (n > 0) append_positioning_rows(positioning_entries_[n - 1], T, g, L, B, rows);
     const int rank_all = rank_of_rows(rows, dof);

@@ -132,10 +132,9 @@ class tsPointsToPlanes {
                          PLANE_STATE z_state, int kind);
     void add_bestfit(const giPoint3& measured, const giPoint3& nominal, const giVector3& normal,
                      double lower_limit, double upper_limit, double weight);
-    void add_balance(const giPoint3& measured1, const giPoint3& nominal1,
-                     const giVector3& normal1, double coefficient1, const giPoint3& measured2,
-                     const giPoint3& nominal2, const giVector3& normal2, double coefficient2,
-                     double weight);
+    void add_balance(const giPoint3& measured1, const giPoint3& nominal1, const giVector3& normal1,
+                     double coefficient1, const giPoint3& measured2, const giPoint3& nominal2,
+                     const giVector3& normal2, double coefficient2, double weight);
     void lock_direction(const giVector3& point, const giVector3& direction, int mode);
     void lock_rotations(const giVector3& a, const giVector3& b, const giVector3& c);
     void reserve_bestfit(int n) { bestfit_entries_.reserve(n); }
@@ -174,8 +173,7 @@ class tsPointsToPlanes {
     // and the minimax phase), 0.0 with T the identity when there is no data.
     double fit(giXform3& xform, double tolerance, double* max_deviation) const;
     double fit_pairs_downhill(tsAmoebaPointsToPlanesDirectShift& objective, giXform3& xform,
-                              double tolerance, double* max_deviation,
-                              mlVector* parameters) const;
+                              double tolerance, double* max_deviation, mlVector* parameters) const;
     // The working data of the direct fit: positioning entries first (normal
     // and weight times POSITIONING_WEIGHT, kind 0 when points_only), then the
     // bestfit entries unless skip_bestfit; pairs as described for fit.
@@ -242,6 +240,8 @@ class tsPointsToPlanes {
 
    private:
     void build_rows(const StepModel& model, int with_positioning, StepRows& out) const;
+    // The bestfit plane rows (planes = 1) or point rows of a model alone.
+    void equations_of(const StepModel& model, int planes, mlMatrix& M, mlVector& V) const;
     // Normal equations of the model (positioning rows included when asked),
     // constrained solution and line search; T receives the step.
     int solve_and_search(const StepModel& model, int with_positioning, int line_search,

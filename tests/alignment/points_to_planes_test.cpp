@@ -1,6 +1,8 @@
 // Rigid alignment of measured points onto nominal planes: known motions
 // recovered by the direct fit and by repeated linear steps, locks, weights,
 // balances, tolerance bands, the positioning test and bad input.
+#include "metrofit/alignment/points_to_planes.h"
+
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include "metrofit/alignment/direct_shift_objective.h"
-#include "metrofit/alignment/points_to_planes.h"
 #include "tests/support/random.h"
 #include "tests/support/sampling.h"
 
@@ -107,7 +108,8 @@ TEST(PointsToPlanes, DirectFitAndLinearStepsRecoverKnownMotion) {
 
         // The free step drops turns below 1e-7 rad: it stops within that
         // angle times the part size.
-        const giXform3 stepped = iterate_steps(s, motion, [](tsPointsToPlanes&, const giXform3&) {});
+        const giXform3 stepped =
+            iterate_steps(s, motion, [](tsPointsToPlanes&, const giXform3&) {});
         EXPECT_LT(pose_error(stepped * motion, giXform3(giIdentity), s), 1e-7 * 120.0) << c.offset;
     }
 }
@@ -166,11 +168,10 @@ TEST(PointsToPlanes, LocksRestrictTheMotion) {
     // exactly, and the rest of the motion (a turn about it and a shift) is
     // found, by the direct fit and by the locked-axis steps.
     {
-        const giXform3 motion =
-            motion_about(giXform3(giVector3(2, 1, -3)) *
-                             giXform3::rotation(giPoint3(0, 0, 0), giVector3(0.2, 0.1, 1),
-                                                giAngle(1, 20)),
-                         offset);
+        const giXform3 motion = motion_about(
+            giXform3(giVector3(2, 1, -3)) *
+                giXform3::rotation(giPoint3(0, 0, 0), giVector3(0.2, 0.1, 1), giAngle(1, 20)),
+            offset);
         const giVector3 a = motion * giVector3(0, 0, 1), b(0, 0, 1);
         tsPointsToPlanes p;
         load(p, s, motion);
@@ -179,9 +180,10 @@ TEST(PointsToPlanes, LocksRestrictTheMotion) {
         p.fit(T, 1e-9, nullptr);
         EXPECT_LT((T * a - b).length(), 1e-12);
         EXPECT_LT(pose_error(T, motion.inverse(), s), 1e-9);
-        const giXform3 stepped = iterate_steps(s, motion, [&](tsPointsToPlanes& q, const giXform3& m) {
-            q.lock_direction(m * giVector3(0, 0, 1), b, 0);
-        });
+        const giXform3 stepped =
+            iterate_steps(s, motion, [&](tsPointsToPlanes& q, const giXform3& m) {
+                q.lock_direction(m * giVector3(0, 0, 1), b, 0);
+            });
         EXPECT_LT((stepped * a - b).length(), 1e-12);
         EXPECT_LT(pose_error(stepped * motion, giXform3(giIdentity), s), 1e-9);
         // With the flip mode the direction may land on -b: a reversed
@@ -198,9 +200,10 @@ TEST(PointsToPlanes, LocksRestrictTheMotion) {
     {
         const giXform3 motion = motion_about(random_motion(15, 10, 4), offset);
         const giPoint3 pivot = giPoint3(50, 30, 20) + offset;
-        const giXform3 stepped = iterate_steps(s, motion, [&](tsPointsToPlanes& q, const giXform3& m) {
-            q.add_positioning(m * pivot, pivot, giVector3(1, 0, 0), 0);
-        });
+        const giXform3 stepped =
+            iterate_steps(s, motion, [&](tsPointsToPlanes& q, const giXform3& m) {
+                q.add_positioning(m * pivot, pivot, giVector3(1, 0, 0), 0);
+            });
         EXPECT_LT(pose_error(stepped * motion, giXform3(giIdentity), s), 1e-9);
         tsPointsToPlanes q;
         load(q, s, motion);
@@ -218,8 +221,10 @@ TEST(PointsToPlanes, PositioningDominatesBestfit) {
     const giXform3 m1 = random_motion(8, 10, 6), m2 = giXform3(giVector3(0.3, -0.2, 0.1)) * m1;
     tsPointsToPlanes p;
     load(p, s, m2);
-    const giPoint3 pos[6] = {{10, 10, 0}, {90, 10, 0}, {50, 50, 0}, {10, 0, 10}, {90, 0, 10}, {0, 30, 20}};
-    const giVector3 nrm[6] = {{0, 0, -1}, {0, 0, -1}, {0, 0, -1}, {0, -1, 0}, {0, -1, 0}, {-1, 0, 0}};
+    const giPoint3 pos[6] = {{10, 10, 0}, {90, 10, 0}, {50, 50, 0},
+                             {10, 0, 10}, {90, 0, 10}, {0, 30, 20}};
+    const giVector3 nrm[6] = {{0, 0, -1}, {0, 0, -1}, {0, 0, -1},
+                              {0, -1, 0}, {0, -1, 0}, {-1, 0, 0}};
     for (int i = 0; i < 6; ++i) p.add_positioning(m1 * pos[i], pos[i], nrm[i], 1);
     giXform3 T;
     double positioning_max = -1.0;
@@ -245,8 +250,9 @@ TEST(PointsToPlanes, BalancedPairsCentreThePart) {
     for (int k = 0; k < 3; ++k) {
         p.add_bestfit(giPoint3(3.0 + 3.0 * k, 0, 1.0 + k), giPoint3(3.0 * k, 0, 1.0 + k),
                       giVector3(0, -1, 0), -DBL_MAX, DBL_MAX, 1.0);
-        p.add_bestfit(giPoint3(4.0 + 2.0 * k, 5.0 + 9.0 * k, 0), giPoint3(1.0 + 2.0 * k, 5.0 + 9.0 * k, 0),
-                      giVector3(0, 0, -1), -DBL_MAX, DBL_MAX, 1.0);
+        p.add_bestfit(giPoint3(4.0 + 2.0 * k, 5.0 + 9.0 * k, 0),
+                      giPoint3(1.0 + 2.0 * k, 5.0 + 9.0 * k, 0), giVector3(0, 0, -1), -DBL_MAX,
+                      DBL_MAX, 1.0);
     }
     EXPECT_EQ(p.balance_pairs().size(), 8u);
     auto centred = [&](const giXform3& T) {
@@ -266,8 +272,8 @@ TEST(PointsToPlanes, TolerancesBandsAreMetOrReported) {
     // +-0.05 band, the minimax phase brings every point inside.
     tsPointsToPlanes p;
     for (int k = 0; k < 10; ++k)
-        p.add_bestfit(giPoint3(10.0 * k, 3.0 * (k % 3), k == 4 ? 0.09 : 0.0), giPoint3(10.0 * k, 3.0 * (k % 3), 0),
-                      giVector3(0, 0, 1), -0.05, 0.05, 1.0);
+        p.add_bestfit(giPoint3(10.0 * k, 3.0 * (k % 3), k == 4 ? 0.09 : 0.0),
+                      giPoint3(10.0 * k, 3.0 * (k % 3), 0), giVector3(0, 0, 1), -0.05, 0.05, 1.0);
     p.lock_rotations(giVector3(0, 0, 1), giVector3(), giVector3());
     ASSERT_EQ(p.has_limits(), 1);
     giXform3 T;
@@ -297,12 +303,14 @@ TEST(PointsToPlanes, TolerancesBandsAreMetOrReported) {
 TEST(PointsToPlanes, PositioningStates) {
     using P = tsPointsToPlanes;
     P p;
-    const giPoint3 pos[7] = {{10, 10, 0}, {90, 10, 0}, {50, 50, 0}, {10, 0, 10}, {90, 0, 10}, {0, 30, 20}, {0, 40, 30}};
-    const giVector3 nrm[7] = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 1, 0}, {0, 1, 0}, {1, 0, 0}, {1, 0, 0}};
+    const giPoint3 pos[7] = {{10, 10, 0}, {90, 10, 0}, {50, 50, 0}, {10, 0, 10},
+                             {90, 0, 10}, {0, 30, 20}, {0, 40, 30}};
+    const giVector3 nrm[7] = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 1, 0},
+                              {0, 1, 0}, {1, 0, 0}, {1, 0, 0}};
     const giXform3 I(giIdentity);
-    const P::POSITIONING_STATE last[7] = {P::POSITIONING_OPEN, P::POSITIONING_OPEN, P::POSITIONING_OPEN,
-                                          P::POSITIONING_OPEN, P::POSITIONING_OPEN, P::POSITIONING_COMPLETE,
-                                          P::POSITIONING_REDUNDANT};
+    const P::POSITIONING_STATE last[7] = {
+        P::POSITIONING_OPEN, P::POSITIONING_OPEN,     P::POSITIONING_OPEN,     P::POSITIONING_OPEN,
+        P::POSITIONING_OPEN, P::POSITIONING_COMPLETE, P::POSITIONING_REDUNDANT};
     for (int i = 0; i < 7; ++i) {
         p.add_positioning(pos[i], pos[i], nrm[i], 1);
         EXPECT_EQ(p.test_positioning(1, I), last[i]) << i;
@@ -341,8 +349,9 @@ TEST(PointsToPlanes, LinearStepEdgeCases) {
     // the points only along the normal.
     tsPointsToPlanes p;
     for (int k = 0; k < 9; ++k)
-        p.add_bestfit(giPoint3(7.0 * k, 3.0 * (k % 4), (k % 3) + 0.1), giPoint3(7.0 * k, 3.0 * (k % 4), k % 3),
-                      giVector3(0, 0, 1), -DBL_MAX, DBL_MAX, 1.0);
+        p.add_bestfit(giPoint3(7.0 * k, 3.0 * (k % 4), (k % 3) + 0.1),
+                      giPoint3(7.0 * k, 3.0 * (k % 4), k % 3), giVector3(0, 0, 1), -DBL_MAX,
+                      DBL_MAX, 1.0);
     giXform3 step;
     ASSERT_EQ(p.single_linear_step(step), 1);
     EXPECT_TRUE(equal(step, giXform3(giVector3(0, 0, -0.1)), 1e-12));
@@ -350,13 +359,15 @@ TEST(PointsToPlanes, LinearStepEdgeCases) {
     // Rotation scale: kept when every point coincides, capped near a point.
     tsPointsToPlanes at_one_point;
     for (int k = 0; k < 3; ++k)
-        at_one_point.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(k == 0, k == 1, k == 2),
-                                 -DBL_MAX, DBL_MAX, 1.0);
+        at_one_point.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0),
+                                 giVector3(k == 0, k == 1, k == 2), -DBL_MAX, DBL_MAX, 1.0);
     ASSERT_EQ(at_one_point.single_linear_step(step), 1);
     EXPECT_EQ(at_one_point.rotation_scale(), 1.0);
     tsPointsToPlanes tiny;
-    tiny.add_bestfit(giPoint3(1e-12, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0), -DBL_MAX, DBL_MAX, 1.0);
-    tiny.add_bestfit(giPoint3(-1e-12, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0), -DBL_MAX, DBL_MAX, 1.0);
+    tiny.add_bestfit(giPoint3(1e-12, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0), -DBL_MAX,
+                     DBL_MAX, 1.0);
+    tiny.add_bestfit(giPoint3(-1e-12, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0), -DBL_MAX,
+                     DBL_MAX, 1.0);
     tiny.single_linear_step(step);
     EXPECT_EQ(tiny.rotation_scale(), 1e7);
 }
@@ -368,9 +379,11 @@ TEST(PointsToPlanes, BadInputAndLoadingRules) {
     EXPECT_TRUE(T.is_identity());
     EXPECT_FALSE(p.have_enough_data());
     const double nan = std::nan("");
-    p.add_bestfit(giPoint3(nan, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), -DBL_MAX, DBL_MAX, 1.0);
+    p.add_bestfit(giPoint3(nan, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), -DBL_MAX, DBL_MAX,
+                  1.0);
     p.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), -DBL_MAX, DBL_MAX, 0.0);
-    p.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), -DBL_MAX, DBL_MAX, HUGE_VAL);
+    p.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), -DBL_MAX, DBL_MAX,
+                  HUGE_VAL);
     p.add_positioning(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(nan, 0, 1), 1);
     p.add_balance(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0), 1.0, giPoint3(1, 0, 0),
                   giPoint3(1, 0, 0), giVector3(1, 0, 0), -1.0, 0.0);

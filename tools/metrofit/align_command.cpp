@@ -22,8 +22,6 @@ bool is_flag(const std::string& a) {
            a == "--lock-rotations";
 }
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
-
 std::string number(double v, const char* format) {
     char buffer[64];
     std::snprintf(buffer, sizeof buffer, format, v);
@@ -36,37 +34,6 @@ bool direction_value(const std::string& value, double out[3]) {
     if (v.size() != 3 || !(v[0] * v[0] + v[1] * v[1] + v[2] * v[2] > 0.0)) return false;
     std::copy(v.begin(), v.end(), out);
     return true;
-}
-
-// The fields of a line as the point files separate them: by a comma with
-// optional blanks around it, or by blanks; '#' starts a comment. Returns 0
-// for a line without data, -1 with a message for a misplaced comma.
-int split_fields(const std::string& line, std::vector<std::string>& fields, std::string& error) {
-    fields.clear();
-    std::size_t end = std::min(line.find('#'), line.size());
-    if (end > 0 && line[end - 1] == '\r') --end;
-    std::size_t i = 0;
-    while (i < end && is_blank(line[i])) ++i;
-    if (i == end) return 0;
-    for (;;) {
-        const std::size_t start = i;
-        while (i < end && !is_blank(line[i]) && line[i] != ',') ++i;
-        if (i == start) {
-            error = fields.empty() ? "line starts with a comma" : "empty value between two commas";
-            return -1;
-        }
-        fields.push_back(line.substr(start, i - start));
-        while (i < end && is_blank(line[i])) ++i;
-        if (i == end) return 1;
-        if (line[i] == ',') {
-            ++i;
-            while (i < end && is_blank(line[i])) ++i;
-            if (i == end) {
-                error = "line ends with a comma";
-                return -1;
-            }
-        }
-    }
 }
 
 // One field as a finite number, with the point file's messages.
@@ -258,25 +225,13 @@ int parse_align_options(const std::vector<std::string>& args, AlignOptions& o, s
         }
     }
     if (o.help || o.version) return kExitOk;
-    if (positional.empty() || positional[0] != "align") {
-        error = "the command is not 'align'";
-        return kExitUsage;
-    }
-    if (positional.size() < 2) {
-        error = "align needs a file";
-        return kExitUsage;
-    }
-    if (positional.size() > 2) {
-        error = "unexpected argument '" + positional[2] + "'";
-        return kExitUsage;
-    }
+    if (command_file_argument(positional, "align", o.file, error) != kExitOk) return kExitUsage;
     if (o.lock_direction && o.lock_rotations) {
         error =
             "--lock-direction and --lock-rotations exclude each other (the latter allows no "
             "rotation at all)";
         return kExitUsage;
     }
-    o.file = positional[1];
     return kExitOk;
 }
 
@@ -286,7 +241,7 @@ bool read_align_entries(std::istream& in, std::vector<AlignEntry>& entries, std:
     std::vector<std::string> fields;
     for (int number = 1; std::getline(in, line); ++number) {
         if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = split_fields(line, fields, message);
+        const int status = split_point_fields(line, fields, message);
         if (status == 0) continue;
         AlignEntry e;
         if (status < 0 || !parse_entry(fields, e, message)) {

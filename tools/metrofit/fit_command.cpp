@@ -718,6 +718,24 @@ std::vector<double> option_numbers(const std::string& value) {
     return row;
 }
 
+int command_file_argument(const std::vector<std::string>& positional, const std::string& command,
+                          std::string& file, std::string& error) {
+    if (positional.empty() || positional[0] != command) {
+        error = "the command is not '" + command + "'";
+        return kExitUsage;
+    }
+    if (positional.size() < 2) {
+        error = command + " needs a file";
+        return kExitUsage;
+    }
+    if (positional.size() > 2) {
+        error = "unexpected argument '" + positional[2] + "'";
+        return kExitUsage;
+    }
+    file = positional[1];
+    return kExitOk;
+}
+
 int parse_options(const std::vector<std::string>& args, Options& o, std::string& error) {
     o = Options();
     std::vector<std::string> positional;
@@ -782,7 +800,8 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
         return kExitUsage;
     }
     if (positional[0] != "fit") {
-        error = "unknown command '" + positional[0] + "' (the commands are 'fit', 'hull' and 'align')";
+        error =
+            "unknown command '" + positional[0] + "' (the commands are 'fit', 'hull' and 'align')";
         return kExitUsage;
     }
     if (positional.size() < 3) {

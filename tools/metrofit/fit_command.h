@@ -104,6 +104,12 @@ bool valued_option(const std::vector<std::string>& args, std::size_t& i, const s
 // anything else.
 std::vector<double> option_numbers(const std::string& value);
 
+// The positional arguments of a command that takes one file: the command's
+// name, then the file. Returns kExitOk with the file, else kExitUsage with
+// the message.
+int command_file_argument(const std::vector<std::string>& positional, const std::string& command,
+                          std::string& file, std::string& error);
+
 // Reads the point table of file `name` ("-": `in`). On failure writes
 // "metrofit: ..." with the reason to `err` and returns false.
 bool read_table_file(const std::string& name, std::istream& in, int columns,

@@ -72,19 +72,7 @@ int parse_hull_options(const std::vector<std::string>& args, HullOptions& o, std
         }
     }
     if (o.help || o.version) return kExitOk;
-    if (positional.empty() || positional[0] != "hull") {
-        error = "the command is not 'hull'";
-        return kExitUsage;
-    }
-    if (positional.size() < 2) {
-        error = "hull needs a file";
-        return kExitUsage;
-    }
-    if (positional.size() > 2) {
-        error = "unexpected argument '" + positional[2] + "'";
-        return kExitUsage;
-    }
-    o.file = positional[1];
+    if (command_file_argument(positional, "hull", o.file, error) != kExitOk) return kExitUsage;
     return kExitOk;
 }
 

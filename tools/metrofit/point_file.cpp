@@ -39,8 +39,9 @@ bool parse_number(const std::string& field, double& value, std::string& error) {
 
 }  // namespace
 
-int parse_point_line(const std::string& line, std::vector<double>& row, std::string& error) {
-    row.clear();
+int split_point_fields(const std::string& line, std::vector<std::string>& fields,
+                       std::string& error) {
+    fields.clear();
     std::size_t end = line.find('#');
     if (end == std::string::npos) end = line.size();
     if (end > 0 && line[end - 1] == '\r') --end;
@@ -54,12 +55,10 @@ int parse_point_line(const std::string& line, std::vector<double>& row, std::str
         const std::size_t start = i;
         while (i < end && !is_blank(line[i]) && line[i] != ',') ++i;
         if (i == start) {
-            error = row.empty() ? "line starts with a comma" : "empty value between two commas";
+            error = fields.empty() ? "line starts with a comma" : "empty value between two commas";
             return -1;
         }
-        double value = 0.0;
-        if (!parse_number(line.substr(start, i - start), value, error)) return -1;
-        row.push_back(value);
+        fields.push_back(line.substr(start, i - start));
         while (i < end && is_blank(line[i])) ++i;
         if (i == end) return 1;
         if (line[i] == ',') {
@@ -71,6 +70,22 @@ int parse_point_line(const std::string& line, std::vector<double>& row, std::str
             }
         }
     }
+}
+
+int parse_point_line(const std::string& line, std::vector<double>& row, std::string& error) {
+    row.clear();
+    std::vector<std::string> fields;
+    const int status = split_point_fields(line, fields, error);
+    if (status <= 0) return status;
+    for (const std::string& field : fields) {
+        double value = 0.0;
+        if (!parse_number(field, value, error)) {
+            row.clear();
+            return -1;
+        }
+        row.push_back(value);
+    }
+    return 1;
 }
 
 bool read_point_table(std::istream& in, int columns, const std::string& column_names,

@@ -28,6 +28,12 @@ struct PointTable {
     double at(int row, int column) const { return values[row * columns + column]; }
 };
 
+// Splits one line into its fields (the text between separators). Returns 1
+// with the fields, 0 for a line without data, -1 with a message for a
+// misplaced comma.
+int split_point_fields(const std::string& line, std::vector<std::string>& fields,
+                       std::string& error);
+
 // Splits one line into numbers. Returns 1 with the numbers in `row`, 0 for
 // a line without data (blank or comment only; `row` empty), -1 with a
 // message in `error` for a bad line.
