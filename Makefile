@@ -50,7 +50,8 @@ consumer: build
 	$(BUILD)/_consumer/consumer
 
 # Fits every sample file in examples/ with the command-line tool, takes the
-# convex hull of the planar sample and aligns the block sample.
+# convex hull of the planar sample, aligns the block sample and fits the
+# points measured on the box mesh.
 demo: build
 	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone axis; do \
 	  echo "== metrofit fit $$f examples/$$f.txt"; \
@@ -62,6 +63,9 @@ demo: build
 	@echo
 	@echo "== metrofit align examples/align.txt"
 	@$(BUILD)/tools/metrofit/metrofit align examples/align.txt
+	@echo
+	@echo "== metrofit bestfit --surface examples/bestfit_part.stl examples/bestfit.txt"
+	@$(BUILD)/tools/metrofit/metrofit bestfit --surface examples/bestfit_part.stl examples/bestfit.txt
 
 sanitize: deps
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMETROFIT_SANITIZE=ON $(CMAKE_ARGS)

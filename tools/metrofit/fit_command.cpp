@@ -570,6 +570,9 @@ std::string usage_text() {
        metrofit hull <file> [--inside X,Y] [--json]
        metrofit align <file> [--tolerance T] [--lock-direction A:B]
                 [--lock-rotations] [--steps N] [--json]
+       metrofit bestfit --surface FILE.stl <points> [--probe-radius R]
+                [--tolerance T] [--lock-rotations | --lock-origin X,Y,Z |
+                --lock-axis AX,AY,AZ] [--band LO,HI] [--json]
        metrofit --help | --version
 
 fit: fits a least-squares feature to the points in <file> ("-" reads
@@ -580,6 +583,9 @@ hull: the convex hull of points in the plane (see below).
 
 align: the rigid motion that carries measured points onto nominal planes
 (see "metrofit align --help").
+
+bestfit: the rigid motion that carries measured points onto a nominal
+surface given as an STL mesh (see "metrofit bestfit --help").
 
 Features, and the numbers each data line holds:
   line2     straight line in the plane   x y
@@ -800,8 +806,8 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
         return kExitUsage;
     }
     if (positional[0] != "fit") {
-        error =
-            "unknown command '" + positional[0] + "' (the commands are 'fit', 'hull' and 'align')";
+        error = "unknown command '" + positional[0] +
+                "' (the commands are 'fit', 'hull', 'align' and 'bestfit')";
         return kExitUsage;
     }
     if (positional.size() < 3) {

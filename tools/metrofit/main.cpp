@@ -5,10 +5,13 @@
 #include <vector>
 
 #include "tools/metrofit/align_command.h"
+#include "tools/metrofit/bestfit_command.h"
 #include "tools/metrofit/fit_command.h"
 
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
+    if (metrofit_tool::is_bestfit_command(args))
+        return metrofit_tool::run_bestfit(args, std::cin, std::cout, std::cerr);
     if (metrofit_tool::is_align_command(args))
         return metrofit_tool::run_align(args, std::cin, std::cout, std::cerr);
     return metrofit_tool::run_metrofit(args, std::cin, std::cout, std::cerr);

@@ -1,0 +1,221 @@
+// The bestfit command: a known motion of points on a box mesh recovered with
+// every kind of row, the locks, the report's shape, and bad surfaces, rows
+// and arguments.
+#include "tools/metrofit/bestfit_command.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+#include "metrofit/platform/geometry/xform.h"
+#include "tests/support/random.h"
+#include "tools/metrofit/fit_command.h"
+
+namespace {
+
+using namespace metrofit_tool;
+
+struct Outcome {
+    int status;
+    std::string out, err;
+};
+
+Outcome run(std::vector<std::string> args, const std::string& input) {
+    args.insert(args.begin(), "bestfit");
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    const int status = run_bestfit(args, in, out, err);
+    return {status, out.str(), err.str()};
+}
+
+std::string temp_file(const std::string& name, const std::string& content) {
+    const std::string path = ::testing::TempDir() + "metrofit_bestfit_" + name;
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+}
+
+// An ASCII STL of the box [0, 40] x [0, 30] x [0, 20] moved by `at`, wound
+// outward: two facets per face.
+std::string box_stl(const giVector3& at) {
+    const int faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
+                             {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+    std::ostringstream s;
+    s.precision(17);
+    s << "solid box\n";
+    for (const auto& f : faces)
+        for (const int* t : {f, f + 1}) {
+            s << "facet normal 0 0 0\nouter loop\n";
+            for (int k : {f[0], t[1], t[2]})  // bit 0: x, bit 1: y, bit 2: z
+                s << "vertex " << 40 * (k & 1) + at.x() << " " << 30 * ((k >> 1) & 1) + at.y()
+                  << " " << 20 * (k >> 2) + at.z() << "\n";
+            s << "endloop\nendfacet\n";
+        }
+    return s.str() + "endsolid box\n";
+}
+
+// The numbers of "key" in the JSON report (its value ends at the next key).
+std::vector<double> json(const std::string& text, const std::string& key) {
+    std::vector<double> v;
+    const std::size_t at = text.find("\"" + key + "\": ");
+    if (at == std::string::npos) return v;
+    const std::size_t from = at + key.size() + 4;
+    const std::string value = text.substr(from, text.find('"', from) - from);
+    for (const char* p = value.c_str(); *p; ++p) {
+        char* end = nullptr;
+        const double x = std::strtod(p, &end);
+        if (end != p) v.push_back(x), p = end - 1;
+    }
+    return v;
+}
+
+giXform3 transform(const std::string& text) {
+    const std::vector<double> m = json(text, "transform");
+    return m.size() == 16 ? giXform3(utConvert, m.data()) : giXform3();
+}
+
+// Points on the faces of the box at `at` (kept 3 from the edges), moved by
+// `motion`: cycling through surface points (x y z), probe centres 1 out
+// with the approximate normal (x y z nx ny nz, for --probe-radius 1) and
+// centres 2 out with their radius (x y z nx ny nz 2). `feet` gets the
+// nominal surface points.
+std::string rows(const giVector3& at, const giXform3& motion, std::vector<giPoint3>& feet) {
+    testsupport::Rng rng(7);
+    std::ostringstream s;
+    s.precision(17);
+    const double size[3] = {40, 30, 20};
+    for (int i = 0; i < 36; ++i) {
+        const int axis = i % 3, side = i / 3 % 2;
+        double p[3], n[3] = {0, 0, 0};
+        for (int c = 0; c < 3; ++c) p[c] = rng.uniform(3, size[c] - 3);
+        p[axis] = side * size[axis];
+        n[axis] = side ? 1 : -1;
+        const giPoint3 foot = giPoint3(p[0], p[1], p[2]) + at;
+        const giVector3 normal(n[0], n[1], n[2]);
+        const int kind = i / 6 % 3;
+        const giPoint3 q = motion * (foot + normal * double(kind));
+        const giVector3 m = motion * normal;
+        s << q.x() << " " << q.y() << " " << q.z();
+        if (kind > 0) s << " " << m.x() << " " << m.y() << " " << m.z();
+        s << (kind == 2 ? " 2\n" : "\n");
+        feet.push_back(foot);
+    }
+    return s.str();
+}
+
+TEST(BestfitCommand, RecoversAKnownMotionOnABoxMesh) {
+    for (const giVector3 at : {giVector3(0, 0, 0), giVector3(1e3, -2e3, 5e2)}) {
+        const std::string stl = temp_file("box.stl", box_stl(at));
+        const giXform3 motion = giXform3(giVector3(0.2, -0.1, 0.15)) *
+                                giXform3::rotation(giPoint3(20, 15, 10) + at, giVector3(1, 2, -2),
+                                                   giAngle(giANGLE_DEGREES, 0.4));
+        std::vector<giPoint3> feet;
+        const std::string input = rows(at, motion, feet);
+        for (const char* band : {"-1,1", ""}) {
+            std::vector<std::string> args = {"-", "--surface", stl, "--probe-radius",
+                                             "1", "--json"};
+            if (*band) args.insert(args.end(), {"--band", band});
+            const Outcome r = run(args, input);
+            ASSERT_EQ(r.status, kExitOk) << r.err;
+            const giXform3 T = transform(r.out);
+            for (const giPoint3& p : feet) EXPECT_LT((T * (motion * p) - p).length(), 1e-6);
+            EXPECT_LT(json(r.out, "max_distance").at(0), 1e-6);
+            EXPECT_EQ(json(r.out, "unprojected"), std::vector<double>{0});
+            EXPECT_EQ(json(r.out, "overdetermined"), std::vector<double>{0});
+            EXPECT_EQ(run(args, input).out, r.out);  // bit for bit again
+        }
+    }
+}
+
+// Each motion is one the lock allows: it is recovered, and the lock holds.
+TEST(BestfitCommand, LocksHold) {
+    const std::string stl = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
+    const giPoint3 pivot(20, 15, 10), corner(40, 30, 20);
+    const giVector3 shift(0.3, -0.2, 0.1), z(0, 0, 1);
+    const std::pair<const char*, giXform3> cases[] = {
+        {"--lock-rotations", giXform3(shift)},
+        {"--lock-origin=20,15,10", giXform3::rotation(pivot, giVector3(1, 1, 1), giAngle(1, 0.3))},
+        {"--lock-axis=0,0,2", giXform3(shift) * giXform3::rotation(pivot, z, giAngle(1, 0.3))}};
+    for (int k = 0; k < 3; ++k) {
+        std::vector<giPoint3> feet;
+        const Outcome r = run({"-", "--surface", stl, "--json", "--probe-radius=1", cases[k].first},
+                              rows(giVector3(0, 0, 0), cases[k].second, feet));
+        ASSERT_EQ(r.status, kExitOk) << r.err;
+        const giXform3 T = transform(r.out);
+        // No turn at all (exactly), the pivot in place, z along z.
+        const bool held[] = {equal(T, giXform3(T.shift()), 0.0),
+                             (T * pivot - pivot).length() < 1e-9, (T * z - z).length() < 1e-12};
+        EXPECT_TRUE(held[k]) << cases[k].first;
+        EXPECT_LT((T * (cases[k].second * corner) - corner).length(), 1e-6) << cases[k].first;
+    }
+}
+
+// Exact points on the box, one of them 0.05 outside the top face and one
+// beyond an edge (no foot point along its normal): the deviations are signed
+// positive outside, the second point is counted as unprojected, and both
+// reports carry every figure.
+TEST(BestfitCommand, ReportShapeAndSigns) {
+    const std::string stl = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
+    std::vector<giPoint3> feet;
+    const std::string input =
+        rows(giVector3(0, 0, 0), giXform3(giIdentity), feet) + "20 15 20.05\n50 35 10\n";
+    const Outcome j = run({"-", "--surface", stl, "--json", "--probe-radius", "1"}, input);
+    ASSERT_EQ(j.status, kExitOk) << j.err;
+    EXPECT_EQ(json(j.out, "points"), std::vector<double>{38});
+    const std::vector<double> m = json(j.out, "transform");
+    ASSERT_EQ(m.size(), 16u);
+    EXPECT_EQ(std::vector<double>(m.begin() + 12, m.end()), (std::vector<double>{0, 0, 0, 1}));
+    EXPECT_GT(json(j.out, "max_signed_deviation").at(0), 0.03);
+    EXPECT_GT(json(j.out, "min_signed_deviation").at(0), -0.01);
+    EXPECT_EQ(json(j.out, "max_distance"), json(j.out, "max_signed_deviation"));
+    EXPECT_EQ(json(j.out, "unprojected"), std::vector<double>{1});
+    const Outcome h = run({"-", "--surface", stl, "--probe-radius", "1"}, input);
+    for (const char* label :
+         {"transform (measured -> nominal)\n", "points          38", "max deviation   0.0",
+          "min deviation   -", "max distance", "unprojected     1", "overdetermined  0"})
+        EXPECT_NE(h.out.find(label), std::string::npos) << label;
+}
+
+TEST(BestfitCommand, RefusesBadSurfacesRowsAndArguments) {
+    const std::string box = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
+    const std::string empty = temp_file("empty.stl", "");
+    const std::string cut = temp_file("cut.stl", "solid x\nfacet normal 0 0 1\nouter loop\n");
+    const struct {
+        std::vector<std::string> args;
+        const char* input;
+        int status;
+        const char* message;
+    } cases[] = {
+        {{"-", "--surface", empty}, "1 1 0\n", kExitRefused, "empty"},
+        {{"-", "--surface", cut}, "1 1 0\n", kExitRefused, "ASCII STL"},
+        {{"-", "--surface", "/nonexistent/box.stl"}, "1 1 0\n", kExitRefused, "cannot open"},
+        {{"-", "--surface", box}, "# none\n", kExitRefused, "at least one point; the file has 0"},
+        {{"-", "--surface", box}, "50 35 10\n", kExitRefused, "no point projects"},
+        {{"-", "--surface", box}, "1 1 0\n1 2 3 4\n", kExitUsage, "line 2: expected 3, 6 or 7"},
+        {{"-", "--surface", box}, "1 1 0 0 0 0\n", kExitUsage, "line 1: the approximate normal"},
+        {{"-", "--surface", box}, "1 1 0 0 0 1 -1\n", kExitUsage, "radius must be at least 0"},
+        {{"-", "--surface", box}, "1 nan 0\n", kExitUsage, "line 1: value is not finite"},
+        {{"-"}, "", kExitUsage, "needs the nominal surface"},
+        {{"--surface", box}, "", kExitUsage, "bestfit needs a file"},
+        {{"-", "--surface", box, "--band", "1,0"}, "", kExitUsage, "LO <= HI"},
+        {{"-", "--surface", box, "--lock-axis", "0,0,0"}, "", kExitUsage, "non-zero length"},
+        {{"-", "--surface", box, "--lock-rotations", "--lock-origin=1,2,3"},
+         "",
+         kExitUsage,
+         "exclude"},
+        {{"-", "--surface", box, "--tolerance", "-1"}, "", kExitUsage, "at least 0"},
+        {{"-", "--surface", box, "--steps", "3"}, "", kExitUsage, "unknown option '--steps'"},
+    };
+    for (const auto& c : cases) {
+        const Outcome r = run(c.args, c.input);
+        EXPECT_EQ(r.status, c.status) << c.message;
+        EXPECT_TRUE(r.out.empty()) << r.out;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    }
+    EXPECT_TRUE(is_bestfit_command({"--json", "bestfit", "x"}));
+    EXPECT_FALSE(is_bestfit_command({"align", "bestfit"}));
+}
+
+}  // namespace

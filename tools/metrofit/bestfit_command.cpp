@@ -1,0 +1,365 @@
+#include "tools/metrofit/bestfit_command.h"
+
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+
+#include "metrofit/bestfit/surface_bestfit.h"
+#include "tools/metrofit/fit_command.h"
+
+namespace metrofit_tool {
+
+namespace {
+
+// Adjacent facet normals within this angle count as one when the normal of
+// a surface point (a 3-column row) is taken: a flat face split into
+// triangles keeps its exact normal.
+const giAngle kFlatAngle(giANGLE_RADIANS, 1e-9);
+
+bool is_flag(const std::string& a) {
+    return a == "-h" || a == "--help" || a == "--version" || a == "--json" ||
+           a == "--lock-rotations";
+}
+
+std::string number(double v, const char* format) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, format, v);
+    return buffer;
+}
+
+// Exactly `count` finite numbers as an option value, optionally of
+// non-zero length.
+bool numbers_value(const std::string& value, std::size_t count, bool nonzero, double* out) {
+    const std::vector<double> v = option_numbers(value);
+    if (v.size() != count) return false;
+    double square = 0.0;
+    for (std::size_t k = 0; k < count; ++k) {
+        out[k] = v[k];
+        square += v[k] * v[k];
+    }
+    return !nonzero || square > 0.0;
+}
+
+// One data row of numbers into a point, or says why not.
+bool parse_row(const std::vector<double>& row, BestfitPoint& p, std::string& error) {
+    p = BestfitPoint();
+    const std::size_t n = row.size();
+    if (n != 3 && n != 6 && n != 7) {
+        error = "expected 3, 6 or 7 numbers (x y z [nx ny nz [r]]), found " + std::to_string(n);
+        return false;
+    }
+    for (int k = 0; k < 3; ++k) p.position[k] = row[k];
+    if (n == 3) return true;
+    const double length = std::hypot(std::hypot(row[3], row[4]), row[5]);
+    if (!(length > 0.0)) {
+        error = "the approximate normal has no length";
+        return false;
+    }
+    p.has_normal = true;
+    for (int k = 0; k < 3; ++k) p.normal[k] = row[3 + k] / length;
+    if (n == 7) {
+        if (!(row[6] >= 0.0)) {
+            error = "the probe radius must be at least 0, not " + number(row[6], "%.10g");
+            return false;
+        }
+        p.has_radius = true;
+        p.radius = row[6];
+    }
+    return true;
+}
+
+giPoint3 point(const double p[3]) { return giPoint3(p[0], p[1], p[2]); }
+giVector3 vector(const double v[3]) { return giVector3(v[0], v[1], v[2]); }
+
+}  // namespace
+
+bool is_bestfit_command(const std::vector<std::string>& args) {
+    for (const std::string& a : args)
+        if (!is_flag(a)) return a == "bestfit";
+    return false;
+}
+
+int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& o,
+                          std::string& error) {
+    o = BestfitOptions();
+    std::vector<std::string> positional;
+    bool surface_given = false, tolerance_given = false, radius_given = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        std::string value;
+        if (a == "-h" || a == "--help") {
+            o.help = true;
+        } else if (a == "--version") {
+            o.version = true;
+        } else if (a == "--json") {
+            o.json = true;
+        } else if (a == "--lock-rotations") {
+            o.lock_rotations = true;
+        } else if (valued_option(args, i, "--surface", surface_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            o.surface = value;
+        } else if (valued_option(args, i, "--tolerance", tolerance_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            if (!numbers_value(value, 1, false, &o.tolerance) || !(o.tolerance >= 0.0)) {
+                error = "--tolerance needs a finite number at least 0, not '" + value + "'";
+                return kExitUsage;
+            }
+        } else if (valued_option(args, i, "--probe-radius", radius_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            if (!numbers_value(value, 1, false, &o.probe_radius) || !(o.probe_radius >= 0.0)) {
+                error = "--probe-radius needs a finite number at least 0, not '" + value + "'";
+                return kExitUsage;
+            }
+        } else if (valued_option(args, i, "--lock-origin", o.lock_origin, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            if (!numbers_value(value, 3, false, o.origin)) {
+                error = "--lock-origin needs three finite numbers X,Y,Z, not '" + value + "'";
+                return kExitUsage;
+            }
+        } else if (valued_option(args, i, "--lock-axis", o.lock_axis, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            if (!numbers_value(value, 3, true, o.axis)) {
+                error = "--lock-axis needs a direction of non-zero length AX,AY,AZ, not '" + value +
+                        "'";
+                return kExitUsage;
+            }
+        } else if (valued_option(args, i, "--band", o.band, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            double band[2];
+            if (!numbers_value(value, 2, false, band) || band[0] > band[1]) {
+                error = "--band needs two finite numbers LO,HI with LO <= HI, not '" + value + "'";
+                return kExitUsage;
+            }
+            o.band_lower = band[0];
+            o.band_upper = band[1];
+        } else if (a.size() > 1 && a[0] == '-') {
+            error = "unknown option '" + a +
+                    "' for bestfit (it takes --surface, --probe-radius, --tolerance, "
+                    "--lock-rotations, --lock-origin, --lock-axis, --band and --json)";
+            return kExitUsage;
+        } else {
+            positional.push_back(a);
+        }
+    }
+    if (o.help || o.version) return kExitOk;
+    if (command_file_argument(positional, "bestfit", o.file, error) != kExitOk) return kExitUsage;
+    if (!surface_given) {
+        error = "bestfit needs the nominal surface: --surface FILE.stl";
+        return kExitUsage;
+    }
+    if (o.lock_rotations + o.lock_origin + o.lock_axis > 1) {
+        error = "--lock-rotations, --lock-origin and --lock-axis exclude each other";
+        return kExitUsage;
+    }
+    return kExitOk;
+}
+
+bool read_bestfit_points(std::istream& in, std::vector<BestfitPoint>& points, std::string& error) {
+    points.clear();
+    std::string line, message;
+    std::vector<double> row;
+    for (int number = 1; std::getline(in, line); ++number) {
+        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
+        const int status = parse_point_line(line, row, message);
+        if (status == 0) continue;
+        BestfitPoint p;
+        if (status < 0 || !parse_row(row, p, message)) {
+            error = "line " + std::to_string(number) + ": " + message;
+            return false;
+        }
+        p.line = number;
+        points.push_back(p);
+    }
+    if (in.bad()) {
+        error = "cannot read the file";
+        return false;
+    }
+    return true;
+}
+
+int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,
+                   const std::vector<BestfitPoint>& points, BestfitReport& r,
+                   std::string& message) {
+    r = BestfitReport();
+    r.points = static_cast<int>(points.size());
+    if (points.empty()) {
+        message = "the bestfit needs at least one point; the file has 0";
+        return kExitRefused;
+    }
+    const tsSurfProjectorForFitting3 projector(&surface);
+    tsSurfaceBestfit fit;
+    fit.set_projector(&projector);
+    fit.reserve_points(r.points);
+    srkSurfPointList feet;
+    for (const BestfitPoint& p : points) {
+        const giPoint3 at = point(p.position);
+        giUnitVec3 normal(vector(p.normal));
+        if (!p.has_normal) {
+            // A point on the surface: its side is the outside, the mesh's
+            // normal at its nearest point.
+            feet.clear(0);
+            int info = 0;
+            if (surface.project_all(at, feet, info) < 1) {
+                message = "line " + std::to_string(p.line) + ": no point of the surface near it";
+                return kExitRefused;
+            }
+            normal = surface.normal_at(feet[0], kFlatAngle);
+        }
+        const double radius = p.has_radius ? p.radius : p.has_normal ? o.probe_radius : 0.0;
+        fit.add_point(tsFitPoint3coPrf(new tsProbedPoint3(at, normal, radius)),
+                      o.band ? o.band_lower : -DBL_MAX, o.band ? o.band_upper : DBL_MAX, 1.0);
+    }
+    if (o.lock_rotations)
+        fit.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
+    if (o.lock_origin) fit.lock_origin(point(o.origin), point(o.origin));
+    if (o.lock_axis)
+        fit.lock_axis(tsSURFACE_BESTFIT_AXIS_DIRECTION, vector(o.axis), vector(o.axis), giPoint3(),
+                      giPoint3());
+
+    giXform3 T;
+    fit.fit(o.tolerance, T, r.max_distance, r.max_signed, r.min_signed, r.unprojected);
+    if (!T.is_set() || r.unprojected == r.points) {
+        message = "no point projects onto the surface";
+        return kExitRefused;
+    }
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 4; ++j) r.transform[i][j] = T(i, j);
+    r.transform[3][3] = 1.0;
+    r.overdetermined = fit.overdetermined_constraints().size();
+    return kExitOk;
+}
+
+std::string format_bestfit_human(const BestfitReport& r) {
+    std::string s = "transform (measured -> nominal)\n";
+    for (const auto& row : r.transform) {
+        for (int j = 0; j < 4; ++j) s += (j ? " " : "  ") + number(row[j], "%.12g");
+        s += "\n";
+    }
+    s += "points          " + std::to_string(r.points) + "\n";
+    s += "max deviation   " + number(r.max_signed, "%.6g") + "\n";
+    s += "min deviation   " + number(r.min_signed, "%.6g") + "\n";
+    s += "max distance    " + number(r.max_distance, "%.6g") + "\n";
+    s += "unprojected     " + std::to_string(r.unprojected) + "\n";
+    s += "overdetermined  " + std::to_string(r.overdetermined) + "\n";
+    return s;
+}
+
+std::string format_bestfit_json(const BestfitReport& r) {
+    std::string s = "{\"points\": " + std::to_string(r.points) + ", \"transform\": [";
+    for (int i = 0; i < 4; ++i) {
+        s += i ? ", [" : "[";
+        for (int j = 0; j < 4; ++j) s += (j ? ", " : "") + json_number(r.transform[i][j]);
+        s += "]";
+    }
+    return s + "], \"max_signed_deviation\": " + json_number(r.max_signed) +
+           ", \"min_signed_deviation\": " + json_number(r.min_signed) +
+           ", \"max_distance\": " + json_number(r.max_distance) +
+           ", \"unprojected\": " + std::to_string(r.unprojected) +
+           ", \"overdetermined\": " + std::to_string(r.overdetermined) + "}\n";
+}
+
+std::string bestfit_usage_text() {
+    return R"(Usage: metrofit bestfit --surface FILE.stl <points> [--probe-radius R]
+                        [--tolerance T] [--lock-rotations | --lock-origin X,Y,Z |
+                        --lock-axis AX,AY,AZ] [--band LO,HI] [--json]
+
+bestfit: the rigid motion (rotation and shift) that carries measured points
+onto a nominal surface, a triangle mesh read from an STL file (binary or
+ASCII; the facets' winding gives the outward side), in the least-squares
+sense. <points> ("-" reads standard input) holds one point per line, numbers
+separated by commas, spaces or tabs, '#' starts a comment:
+  x y z nx ny nz [r]
+      a probe-ball centre, the approximate surface normal at the contact
+      (the probing direction reversed; any length but zero: it only tells
+      the side the ball came from) and the ball radius r (at least 0;
+      without it, --probe-radius). The touched surface point, not the
+      centre, is fitted.
+  x y z
+      a point on the surface itself (radius 0). It counts as touched from
+      outside: its approximate normal is the mesh's outward normal at the
+      mesh point nearest to it, taken once before the fit.
+The signed deviation of a point is measured along the nominal normal at its
+partner on the surface, positive on the side the probe came from.
+
+Options:
+  --surface FILE.stl   the nominal surface (required).
+  --probe-radius R     the ball radius of 6-column rows (default 0).
+  --tolerance T        stop when no point moves by T or more in a step
+                       (default 1e-6; at most 50 steps).
+  --lock-rotations     no rotation: shifts along x, y and z only.
+  --lock-origin X,Y,Z  the point (X, Y, Z) stays where it is: the part only
+                       turns about it.
+  --lock-axis AX,AY,AZ the direction A keeps its direction: the part only
+                       turns about it, and shifts freely.
+                       (The three locks exclude each other.)
+  --band LO,HI         the tolerance band of every point's deviation: the fit
+                       keeps the deviations inside it where it can rather than
+                       minimising their squares; limits that conflict with the
+                       others are dropped and counted.
+  --json               print one JSON object instead of the text report.
+  -h, --help           print this help and exit.
+
+Report: the 4 x 4 matrix of the transform (measured -> nominal, last row
+0 0 0 1); the point count; over the points that project onto the surface
+after the fit, the largest deviation (at least 0), the smallest (at most 0)
+and the largest distance to the partner point; the count of points that do
+not project (no foot point of the surface along the probing side); the count
+of band limits dropped as conflicting. --json: {"points", "transform":
+[[4 numbers] x 4], "max_signed_deviation", "min_signed_deviation",
+"max_distance", "unprojected", "overdetermined"}.
+
+Exit status: 0 fitted; 1 a surface file the STL reader refuses (its message
+says why), no points, or no point that projects; 2 a usage error or a bad
+points file (the message names the line).
+)";
+}
+
+int run_bestfit(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
+                std::ostream& err) {
+    BestfitOptions o;
+    std::string error;
+    const int parsed = parse_bestfit_options(args, o, error);
+    if (parsed != kExitOk) {
+        err << "metrofit: " << error << "\nTry 'metrofit bestfit --help'.\n";
+        return kExitUsage;
+    }
+    if (o.help) {
+        out << bestfit_usage_text();
+        return kExitOk;
+    }
+    const int early = finish_early(parsed, error, false, o.version, out, err);
+    if (early >= 0) return early;
+
+    std::vector<BestfitPoint> points;
+    bool read = false;
+    if (o.file == "-") {
+        read = read_bestfit_points(in, points, error);
+    } else {
+        std::ifstream file(o.file);
+        if (!file) {
+            err << "metrofit: cannot open '" << o.file << "'\n";
+            return kExitUsage;
+        }
+        read = read_bestfit_points(file, points, error);
+    }
+    if (!read) {
+        err << "metrofit: " << o.file << ": " << error << "\n";
+        return kExitUsage;
+    }
+    srkMeshSurf surface;
+    if (!srkMeshSurf::read_stl(o.surface, surface, error)) {
+        err << "metrofit: " << o.surface << ": " << error << "\n";
+        return kExitRefused;
+    }
+    BestfitReport report;
+    const int status = bestfit_points(o, surface, points, report, error);
+    if (status != kExitOk) {
+        err << "metrofit: " << o.file << ": " << error << "\n";
+        return status;
+    }
+    out << (o.json ? format_bestfit_json(report) : format_bestfit_human(report));
+    return kExitOk;
+}
+
+}  // namespace metrofit_tool
