@@ -3,8 +3,10 @@
 
 #include "metrofit/alignment/direct_shift_objective.h"
 #include "metrofit/alignment/interpolated_square_dists.h"
+#include "metrofit/alignment/line_and_point.h"
 #include "metrofit/alignment/plane_and_point.h"
 #include "metrofit/alignment/points_to_planes.h"
+#include "metrofit/alignment/rps_data.h"
 #include "metrofit/bestfit/fit_points.h"
 #include "metrofit/bestfit/surface_bestfit.h"
 #include "metrofit/containers/typed_arrays.h"

@@ -8,6 +8,8 @@
 // alias is declared beside its record; this header gathers them.
 #pragma once
 
+#include "metrofit/alignment/line_and_point.h"
 #include "metrofit/alignment/plane_and_point.h"
+#include "metrofit/alignment/rps_data.h"
 #include "metrofit/bestfit/fit_points.h"
 #include "metrofit/features/fitted_records.h"
