@@ -431,33 +431,16 @@ int run_align(const std::vector<std::string>& args, std::istream& in, std::ostre
     AlignOptions o;
     std::string error;
     const int parsed = parse_align_options(args, o, error);
-    if (parsed != kExitOk) {
-        err << "metrofit: " << error << "\nTry 'metrofit align --help'.\n";
-        return kExitUsage;
-    }
-    if (o.help) {
-        out << align_usage_text();
-        return kExitOk;
-    }
-    const int early = finish_early(parsed, error, false, o.version, out, err);
+    const int early =
+        finish_early(parsed, error, o.help, o.version, out, err, "align", align_usage_text());
     if (early >= 0) return early;
 
     std::vector<AlignEntry> entries;
-    bool read = false;
-    if (o.file == "-") {
-        read = read_align_entries(in, entries, error);
-    } else {
-        std::ifstream file(o.file);
-        if (!file) {
-            err << "metrofit: cannot open '" << o.file << "'\n";
-            return kExitUsage;
-        }
-        read = read_align_entries(file, entries, error);
-    }
-    if (!read) {
-        err << "metrofit: " << o.file << ": " << error << "\n";
+    if (!read_input_file(
+            o.file, in,
+            [&](std::istream& s, std::string& why) { return read_align_entries(s, entries, why); },
+            err))
         return kExitUsage;
-    }
     AlignReport report;
     const int status = align_entries(o, entries, report, error);
     if (status != kExitOk) {

@@ -320,33 +320,16 @@ int run_bestfit(const std::vector<std::string>& args, std::istream& in, std::ost
     BestfitOptions o;
     std::string error;
     const int parsed = parse_bestfit_options(args, o, error);
-    if (parsed != kExitOk) {
-        err << "metrofit: " << error << "\nTry 'metrofit bestfit --help'.\n";
-        return kExitUsage;
-    }
-    if (o.help) {
-        out << bestfit_usage_text();
-        return kExitOk;
-    }
-    const int early = finish_early(parsed, error, false, o.version, out, err);
+    const int early =
+        finish_early(parsed, error, o.help, o.version, out, err, "bestfit", bestfit_usage_text());
     if (early >= 0) return early;
 
     std::vector<BestfitPoint> points;
-    bool read = false;
-    if (o.file == "-") {
-        read = read_bestfit_points(in, points, error);
-    } else {
-        std::ifstream file(o.file);
-        if (!file) {
-            err << "metrofit: cannot open '" << o.file << "'\n";
-            return kExitUsage;
-        }
-        read = read_bestfit_points(file, points, error);
-    }
-    if (!read) {
-        err << "metrofit: " << o.file << ": " << error << "\n";
+    if (!read_input_file(
+            o.file, in,
+            [&](std::istream& s, std::string& why) { return read_bestfit_points(s, points, why); },
+            err))
         return kExitUsage;
-    }
     srkMeshSurf surface;
     if (!srkMeshSurf::read_stl(o.surface, surface, error)) {
         err << "metrofit: " << o.surface << ": " << error << "\n";

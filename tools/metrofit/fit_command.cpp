@@ -995,32 +995,45 @@ std::string format_json(const FitReport& r) {
     return s + "}\n";
 }
 
-bool read_table_file(const std::string& name, std::istream& in, int columns,
-                     const std::string& column_names, PointTable& table, std::ostream& err) {
+bool read_input_file(const std::string& name, std::istream& in,
+                     const std::function<bool(std::istream&, std::string&)>& reader,
+                     std::ostream& err) {
     std::string error;
     bool read = false;
     if (name == "-") {
-        read = read_point_table(in, columns, column_names, table, error);
+        read = reader(in, error);
     } else {
         std::ifstream file(name);
         if (!file) {
             err << "metrofit: cannot open '" << name << "'\n";
             return false;
         }
-        read = read_point_table(file, columns, column_names, table, error);
+        read = reader(file, error);
     }
     if (!read) err << "metrofit: " << name << ": " << error << "\n";
     return read;
 }
 
+bool read_table_file(const std::string& name, std::istream& in, int columns,
+                     const std::string& column_names, PointTable& table, std::ostream& err) {
+    return read_input_file(
+        name, in,
+        [&](std::istream& s, std::string& error) {
+            return read_point_table(s, columns, column_names, table, error);
+        },
+        err);
+}
+
 int finish_early(int parse_status, const std::string& error, bool help, bool version,
-                 std::ostream& out, std::ostream& err) {
+                 std::ostream& out, std::ostream& err, const std::string& command,
+                 const std::string& usage) {
+    const std::string name = command.empty() ? "" : command + " ";
     if (parse_status != kExitOk) {
-        err << "metrofit: " << error << "\nTry 'metrofit --help'.\n";
+        err << "metrofit: " << error << "\nTry 'metrofit " << name << "--help'.\n";
         return kExitUsage;
     }
     if (help) {
-        out << usage_text();
+        out << (usage.empty() ? usage_text() : usage);
         return kExitOk;
     }
     if (version) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <istream>
 #include <ostream>
 #include <string>
@@ -115,10 +116,18 @@ int command_file_argument(const std::vector<std::string>& positional, const std:
 bool read_table_file(const std::string& name, std::istream& in, int columns,
                      const std::string& column_names, PointTable& table, std::ostream& err);
 
+// Reads file `name` ("-": `in`) with `reader`, which returns false with a
+// reason. On failure writes "metrofit: ..." to `err` and returns false.
+bool read_input_file(const std::string& name, std::istream& in,
+                     const std::function<bool(std::istream&, std::string&)>& reader,
+                     std::ostream& err);
+
 // After parsing: reports a usage error (kExitUsage), prints the help or the
-// version (kExitOk), or returns -1 when the command is to run.
+// version (kExitOk), or returns -1 when the command is to run. A command
+// with help of its own names itself and gives its usage text.
 int finish_early(int parse_status, const std::string& error, bool help, bool version,
-                 std::ostream& out, std::ostream& err);
+                 std::ostream& out, std::ostream& err, const std::string& command = "",
+                 const std::string& usage = "");
 
 int run_metrofit(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
                  std::ostream& err);
