@@ -1,6 +1,7 @@
 #include "metrofit/platform/surface/mesh_surface.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdint>
@@ -248,7 +249,8 @@ std::string ascii_stl(const srkMeshSurf& m) {
 
 TEST(MeshSurface, StlFilesRoundTripInBinaryAndText) {
     const srkMeshSurf cube = box_mesh(1, 2, 0.5);
-    const std::string path = ::testing::TempDir() + "mesh_surface_test.stl";
+    const std::string path =
+        ::testing::TempDir() + "mesh_surface_test_" + std::to_string(::getpid()) + ".stl";
     // A binary header that starts with "solid" must still be read as binary.
     for (const std::string& content : {binary_stl(cube, "solid but binary"), ascii_stl(cube)}) {
         std::ofstream(path, std::ios::binary) << content;

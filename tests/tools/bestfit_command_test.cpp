@@ -4,6 +4,7 @@
 #include "tools/metrofit/bestfit_command.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -31,8 +32,11 @@ Outcome run(std::vector<std::string> args, const std::string& input) {
     return {status, out.str(), err.str()};
 }
 
+// One file per test and process: ctest runs tests in parallel.
 std::string temp_file(const std::string& name, const std::string& content) {
-    const std::string path = ::testing::TempDir() + "metrofit_bestfit_" + name;
+    const std::string path = ::testing::TempDir() + "metrofit_bestfit_" +
+                             ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
+                             std::to_string(::getpid()) + "_" + name;
     std::ofstream(path, std::ios::binary) << content;
     return path;
 }
