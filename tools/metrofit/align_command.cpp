@@ -22,12 +22,6 @@ bool is_flag(const std::string& a) {
            a == "--lock-rotations";
 }
 
-std::string number(double v, const char* format) {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, format, v);
-    return buffer;
-}
-
 // Three finite numbers of non-zero length, as an option value.
 bool direction_value(const std::string& value, double out[3]) {
     const std::vector<double> v = option_numbers(value);
@@ -89,15 +83,15 @@ bool parse_entry(const std::vector<std::string>& fields, AlignEntry& e, std::str
             !limit_field(fields[10], true, e.upper_open, e.upper, error))
             return false;
         if (!e.lower_open && !e.upper_open && e.lower > e.upper) {
-            error = "the lower limit " + number(e.lower, "%.10g") + " lies above the upper " +
-                    number(e.upper, "%.10g");
+            error = "the lower limit " + formatted_number(e.lower, "%.10g") +
+                    " lies above the upper " + formatted_number(e.upper, "%.10g");
             return false;
         }
     }
     if (count == 12) {
         if (!finite_field(fields[11], e.weight, error)) return false;
         if (!(e.weight > 0.0)) {
-            error = "the weight must be above 0, not " + number(e.weight, "%.10g");
+            error = "the weight must be above 0, not " + formatted_number(e.weight, "%.10g");
             return false;
         }
     }
@@ -176,13 +170,8 @@ int parse_align_options(const std::vector<std::string>& args, AlignOptions& o, s
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         std::string value;
-        if (a == "-h" || a == "--help") {
-            o.help = true;
-        } else if (a == "--version") {
-            o.version = true;
-        } else if (a == "--json") {
-            o.json = true;
-        } else if (a == "--lock-rotations") {
+        if (common_flag(a, o.help, o.version, o.json)) continue;
+        if (a == "--lock-rotations") {
             o.lock_rotations = true;
         } else if (valued_option(args, i, "--tolerance", tolerance_given, value, error)) {
             if (!error.empty()) return kExitUsage;
@@ -320,7 +309,7 @@ int align_entries(const AlignOptions& o, const std::vector<AlignEntry>& entries,
 std::string format_align_human(const AlignReport& r) {
     std::string s = "transform (measured -> nominal)\n";
     for (const auto& row : r.transform) {
-        for (int j = 0; j < 4; ++j) s += (j ? " " : "  ") + number(row[j], "%.12g");
+        for (int j = 0; j < 4; ++j) s += (j ? " " : "  ") + formatted_number(row[j], "%.12g");
         s += "\n";
     }
     s += "entry kind       before        after\n";
@@ -330,13 +319,15 @@ std::string format_align_human(const AlignReport& r) {
                       r.after[i]);
         s += line;
     }
-    s += "rms       " + number(r.rms_before, "%.6g") + " -> " + number(r.rms_after, "%.6g") + "\n";
-    s += "max       " + number(r.max_before, "%.6g") + " -> " + number(r.max_after, "%.6g") + "\n";
+    s += "rms       " + formatted_number(r.rms_before, "%.6g") + " -> " +
+         formatted_number(r.rms_after, "%.6g") + "\n";
+    s += "max       " + formatted_number(r.max_before, "%.6g") + " -> " +
+         formatted_number(r.max_after, "%.6g") + "\n";
     if (r.direct)
-        s += "fit       " + number(r.fit_value, "%.6g") + "\n";
+        s += "fit       " + formatted_number(r.fit_value, "%.6g") + "\n";
     else
         s += "steps     " + std::to_string(r.steps) + " (last movement " +
-             number(r.last_movement, "%.3g") + ")\n";
+             formatted_number(r.last_movement, "%.3g") + ")\n";
     if (!r.overdetermined.empty()) {
         s += "overdetermined";
         for (std::size_t k = 0; k < r.overdetermined.size(); ++k) {

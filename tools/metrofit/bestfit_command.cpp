@@ -22,12 +22,6 @@ bool is_flag(const std::string& a) {
            a == "--lock-rotations";
 }
 
-std::string number(double v, const char* format) {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, format, v);
-    return buffer;
-}
-
 // Exactly `count` finite numbers as an option value, optionally of
 // non-zero length.
 bool numbers_value(const std::string& value, std::size_t count, bool nonzero, double* out) {
@@ -60,7 +54,7 @@ bool parse_row(const std::vector<double>& row, BestfitPoint& p, std::string& err
     for (int k = 0; k < 3; ++k) p.normal[k] = row[3 + k] / length;
     if (n == 7) {
         if (!(row[6] >= 0.0)) {
-            error = "the probe radius must be at least 0, not " + number(row[6], "%.10g");
+            error = "the probe radius must be at least 0, not " + formatted_number(row[6], "%.10g");
             return false;
         }
         p.has_radius = true;
@@ -88,13 +82,8 @@ int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& 
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         std::string value;
-        if (a == "-h" || a == "--help") {
-            o.help = true;
-        } else if (a == "--version") {
-            o.version = true;
-        } else if (a == "--json") {
-            o.json = true;
-        } else if (a == "--lock-rotations") {
+        if (common_flag(a, o.help, o.version, o.json)) continue;
+        if (a == "--lock-rotations") {
             o.lock_rotations = true;
         } else if (valued_option(args, i, "--surface", surface_given, value, error)) {
             if (!error.empty()) return kExitUsage;
@@ -233,13 +222,13 @@ int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,
 std::string format_bestfit_human(const BestfitReport& r) {
     std::string s = "transform (measured -> nominal)\n";
     for (const auto& row : r.transform) {
-        for (int j = 0; j < 4; ++j) s += (j ? " " : "  ") + number(row[j], "%.12g");
+        for (int j = 0; j < 4; ++j) s += (j ? " " : "  ") + formatted_number(row[j], "%.12g");
         s += "\n";
     }
     s += "points          " + std::to_string(r.points) + "\n";
-    s += "max deviation   " + number(r.max_signed, "%.6g") + "\n";
-    s += "min deviation   " + number(r.min_signed, "%.6g") + "\n";
-    s += "max distance    " + number(r.max_distance, "%.6g") + "\n";
+    s += "max deviation   " + formatted_number(r.max_signed, "%.6g") + "\n";
+    s += "min deviation   " + formatted_number(r.min_signed, "%.6g") + "\n";
+    s += "max distance    " + formatted_number(r.max_distance, "%.6g") + "\n";
     s += "unprojected     " + std::to_string(r.unprojected) + "\n";
     s += "overdetermined  " + std::to_string(r.overdetermined) + "\n";
     return s;

@@ -724,6 +724,24 @@ std::vector<double> option_numbers(const std::string& value) {
     return row;
 }
 
+std::string formatted_number(double v, const char* format) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, format, v);
+    return buffer;
+}
+
+bool common_flag(const std::string& a, bool& help, bool& version, bool& json) {
+    if (a == "-h" || a == "--help")
+        help = true;
+    else if (a == "--version")
+        version = true;
+    else if (a == "--json")
+        json = true;
+    else
+        return false;
+    return true;
+}
+
 int command_file_argument(const std::vector<std::string>& positional, const std::string& command,
                           std::string& file, std::string& error) {
     if (positional.empty() || positional[0] != command) {
@@ -749,13 +767,8 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         std::string value;
-        if (a == "-h" || a == "--help") {
-            o.help = true;
-        } else if (a == "--version") {
-            o.version = true;
-        } else if (a == "--json") {
-            o.json = true;
-        } else if (a == "--inside") {
+        if (common_flag(a, o.help, o.version, o.json)) continue;
+        if (a == "--inside") {
             o.inside = true;
         } else if (valued_option(args, i, "--probe-radius", radius_given, value, error)) {
             if (!error.empty()) return kExitUsage;

@@ -105,6 +105,13 @@ bool valued_option(const std::vector<std::string>& args, std::size_t& i, const s
 // anything else.
 std::vector<double> option_numbers(const std::string& value);
 
+// v printed with a printf format of one double.
+std::string formatted_number(double v, const char* format);
+
+// The flags every command takes: -h/--help, --version and --json. Returns
+// true (setting the flag) when `a` is one of them.
+bool common_flag(const std::string& a, bool& help, bool& version, bool& json);
+
 // The positional arguments of a command that takes one file: the command's
 // name, then the file. Returns kExitOk with the file, else kExitUsage with
 // the message.

@@ -49,13 +49,8 @@ int parse_hull_options(const std::vector<std::string>& args, HullOptions& o, std
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         std::string value;
-        if (a == "-h" || a == "--help") {
-            o.help = true;
-        } else if (a == "--version") {
-            o.version = true;
-        } else if (a == "--json") {
-            o.json = true;
-        } else if (valued_option(args, i, "--inside", o.query, value, error)) {
+        if (common_flag(a, o.help, o.version, o.json)) continue;
+        if (valued_option(args, i, "--inside", o.query, value, error)) {
             if (!error.empty()) return kExitUsage;
             const std::vector<double> xy = option_numbers(value);
             if (xy.size() != 2) {
