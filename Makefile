@@ -51,7 +51,7 @@ consumer: build
 
 # Fits every sample file in examples/ with the command-line tool, takes the
 # convex hull of the planar sample, aligns the block sample and fits the
-# points measured on the box mesh.
+# points measured on the box mesh, and matches the hole centres.
 demo: build
 	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone axis; do \
 	  echo "== metrofit fit $$f examples/$$f.txt"; \
@@ -66,6 +66,9 @@ demo: build
 	@echo
 	@echo "== metrofit bestfit --surface examples/bestfit_part.stl examples/bestfit.txt"
 	@$(BUILD)/tools/metrofit/metrofit bestfit --surface examples/bestfit_part.stl examples/bestfit.txt
+	@echo
+	@echo "== metrofit match examples/match.txt"
+	@$(BUILD)/tools/metrofit/metrofit match examples/match.txt
 
 sanitize: deps
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMETROFIT_SANITIZE=ON $(CMAKE_ARGS)
