@@ -80,16 +80,22 @@ void tsSurfProjectorForFitting3::rotate_and_project(const giXform3& xform,
         const giUnitVec3 ns = surface_->normal_at(s, tolerance);
         giVector3 d = p - s.position;
         giVector3 n;
+        double along = 0.0;  // n . d
         if (d.length() < 0.0001) {
             const double side = a.is_set() ? dot(a, ns) : 0.0;
             n = side < 0.0 ? giVector3(-ns) : giVector3(ns);
+            along = dot(n, d);
         } else {
             d = d / d.length();
             if (!(cross(ns, d).length() <= 0.01)) continue;
             const double side = a.is_set() ? dot(a, d) : 0.0;
             n = side <= 0.0 ? d * -1.0 : d;
+            // n is d or -d: n . d is exactly +1 or -1, so that candidates on
+            // the same side tie exactly and the surface's order (nearest
+            // first) decides, not the rounding of a unit vector's length.
+            along = side <= 0.0 ? -1.0 : 1.0;
         }
-        const double score = std::fabs(dot(n, d) - r);
+        const double score = std::fabs(along - r);
         if (score < best) {
             best = score;
             centre = s.position + n * r;
