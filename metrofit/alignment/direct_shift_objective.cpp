@@ -51,6 +51,27 @@ inline bool has_partner(const tsBalancePairs& pairs, int i, int n) {
     return i < static_cast<int>(pairs.size()) && pairs[i].first != -1 && i + 1 < n;
 }
 
+// The projector across the normal of a plane entry, I - n n^T / |n|^2.
+inline Eigen::Matrix3d across(const tsPlaneAndPoint& e) {
+    const Eigen::Vector3d n(e.normal.x(), e.normal.y(), e.normal.z());
+    const double nn = n.squaredNorm();
+    Eigen::Matrix3d P = Eigen::Matrix3d::Identity();
+    if (nn > 0.0) P -= n * n.transpose() / nn;
+    return P;
+}
+
+// The part of v across the normal of a plane entry: the slide along the
+// tangent plane that the attraction restrains (point entries tie every
+// component already and get none).
+inline double tangential(const tsPlaneAndPoint& e, const double v[3], double out[3]) {
+    const double nn = e.normal.length_squared();
+    const double k = nn > 0.0 ? dot3(e.normal, v) / nn : 0.0;
+    out[0] = v[0] - k * e.normal.x();
+    out[1] = v[1] - k * e.normal.y();
+    out[2] = v[2] - k * e.normal.z();
+    return out[0] * out[0] + out[1] * out[1] + out[2] * out[2];
+}
+
 }  // namespace
 
 tsAmoebaPointsToPlanesDirectShift::tsAmoebaPointsToPlanesDirectShift(
@@ -156,9 +177,10 @@ void tsAmoebaPointsToPlanesDirectShift::gradient_terms(const double R[3][3], con
         const tsPlaneAndPoint& e = data_[i];
         double v[3];
         moved_minus_nominal(R, centre_, t0, e, v);
-        if (i >= n_positioning_ && attraction_ != 0.0) {
-            for (int r = 0; r < 3; ++r) h[r] += attraction_ * v[r];
-            S += attraction_ * (v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+        if (e.kind != 0 && i >= n_positioning_ && attraction_ != 0.0) {
+            double vt[3];
+            S += attraction_ * tangential(e, v, vt);
+            for (int r = 0; r < 3; ++r) h[r] += attraction_ * vt[r];
         }
         if (e.kind == 0) {
             const double w2 = e.normal.length_squared();
@@ -173,8 +195,9 @@ void tsAmoebaPointsToPlanesDirectShift::gradient_terms(const double R[3][3], con
             double v2[3];
             moved_minus_nominal(R, centre_, t0, f, v2);
             if (attraction_ != 0.0 && i + 1 >= n_positioning_) {
-                for (int k = 0; k < 3; ++k) h[k] += attraction_ * v2[k];
-                S += attraction_ * (v2[0] * v2[0] + v2[1] * v2[1] + v2[2] * v2[2]);
+                double vt[3];
+                S += attraction_ * tangential(f, v2, vt);
+                for (int k = 0; k < 3; ++k) h[k] += attraction_ * vt[k];
             }
             const double c1 = pairs_[i].second, c2 = pairs_[i + 1].second;
             r = c1 * r + c2 * dot3(f.normal, v2);
@@ -196,7 +219,7 @@ void tsAmoebaPointsToPlanesDirectShift::prepare_normal_matrix() {
     const int n = data_.size();
     for (int i = 0; i < n; ++i) {
         const tsPlaneAndPoint& e = data_[i];
-        if (i >= n_positioning_ && attraction_ != 0.0) A.diagonal().array() += attraction_;
+        if (e.kind != 0 && i >= n_positioning_ && attraction_ != 0.0) A += attraction_ * across(e);
         if (e.kind == 0) {
             A.diagonal().array() += e.normal.length_squared();
             continue;
@@ -204,7 +227,7 @@ void tsAmoebaPointsToPlanesDirectShift::prepare_normal_matrix() {
         Eigen::Vector3d a(e.normal.x(), e.normal.y(), e.normal.z());
         if (has_partner(pairs_, i, n)) {
             const tsPlaneAndPoint& f = data_[i + 1];
-            if (attraction_ != 0.0 && i + 1 >= n_positioning_) A.diagonal().array() += attraction_;
+            if (attraction_ != 0.0 && i + 1 >= n_positioning_) A += attraction_ * across(f);
             a = pairs_[i].second * a +
                 pairs_[i + 1].second * Eigen::Vector3d(f.normal.x(), f.normal.y(), f.normal.z());
             ++i;
@@ -285,7 +308,9 @@ double tsAmoebaPointsToPlanesDirectShift::evaluate(const double R[3][3], const d
         const bool bestfit = i >= n_positioning_;
         double D = e.kind == 0 ? std::sqrt(vv) * e.normal.length() : dot3(e.normal, v);
         double d = D / e.weight;
-        double attraction_term = bestfit ? attraction_ * vv : 0.0;
+        double vt[3];
+        double attraction_term =
+            bestfit && e.kind != 0 && attraction_ != 0.0 ? attraction_ * tangential(e, v, vt) : 0.0;
         bool bounded = e.is_bounded();
         if (e.kind != 0 && has_partner(pairs_, i, n)) {
             const tsPlaneAndPoint& g = data_[i + 1];
@@ -297,7 +322,8 @@ double tsAmoebaPointsToPlanesDirectShift::evaluate(const double R[3][3], const d
             const double c1 = pairs_[i].second, c2 = pairs_[i + 1].second;
             D = c1 * D + c2 * D2;
             d = c1 * d + c2 * D2 / g.weight;
-            if (i + 1 >= n_positioning_) attraction_term += attraction_ * vv2;
+            if (i + 1 >= n_positioning_ && attraction_ != 0.0)
+                attraction_term += attraction_ * tangential(g, v2, vt);
             bounded = false;
             ++i;
         }

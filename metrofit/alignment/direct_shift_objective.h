@@ -28,8 +28,11 @@
 // - the residual of a plane entry is n . v, of a point entry the vector
 //   |n| v, of a balanced pair c1 n1 . v1 + c2 n2 . v2;
 // - mode 0: f = sum of squared residuals + attraction * sum over the bestfit
-//   entries of |v|^2 (the fitting-points attraction pulls the points towards
-//   their nominal points where the planes leave a motion free);
+//   plane entries of |v_t|^2, v_t the part of v across the entry's normal:
+//   the fitting-points attraction restrains the slide of the points along
+//   their tangent planes (where the planes leave a motion free it picks the
+//   motion that keeps the points nearest their nominal points) without
+//   pulling on the deviations the planes measure;
 // - mode 1: f = E + sqrt(S / N), E the largest excess of a bounded entry
 //   over its band, max(d - upper, lower - d) (negative inside: minimising it
 //   centres the points in their bands), S the sum of squared residuals of the
