@@ -172,6 +172,32 @@ double tsPointsToPlanes::standard_deviation_of_nominals(const giXform3& T) {
     return std::sqrt(sum / n);
 }
 
+int tsPointsToPlanes::pop_back_rps(tsRPSData& data) {
+    const int n = positioning_entries_.size();
+    if (n == 0) return 0;
+    data.entry = positioning_entries_[n - 1];
+    data.point = positioning_cache_points_.size() >= n ? positioning_cache_points_[n - 1]
+                                                       : data.entry.measured_point;
+    positioning_entries_.shrink(n - 1, 0);
+    // The cache follows the entries, so that an entry added later is not
+    // judged from the point of the one taken out.
+    if (positioning_cache_points_.size() > n - 1) positioning_cache_points_.shrink(n - 1, 0);
+    return 1;
+}
+
+void tsPointsToPlanes::undo_pop_back_rps(const tsRPSData& data) {
+    const int n = positioning_entries_.size();
+    if (n > 0 && positioning_cache_points_.size() == n)
+        positioning_cache_points_.append(data.point);
+    positioning_entries_.append(data.entry);
+}
+
+void tsPointsToPlanes::transform_rps_data(const giXform3& T) {
+    for (tsPlaneAndPoint& e : positioning_entries_) e.measured_point = T * e.measured_point;
+    for (tsPlaneAndPoint& e : spare_entries_) e.measured_point = T * e.measured_point;
+    for (giVector3& v : lock_points_) v = T * v;
+}
+
 // ---------------------------------------------------------------- direct fit
 
 int tsPointsToPlanes::data_for_downhill(tsPlaneAndPointcoDynArr& data, tsBalancePairs& pairs,

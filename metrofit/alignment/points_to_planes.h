@@ -96,6 +96,7 @@
 #include <vector>
 
 #include "metrofit/alignment/plane_and_point.h"
+#include "metrofit/alignment/rps_data.h"
 #include "metrofit/platform/containers/dyn_arr.h"
 #include "metrofit/platform/geometry/arrays.h"
 #include "metrofit/platform/geometry/workplane.h"
@@ -224,6 +225,18 @@ class tsPointsToPlanes {
 
     double best_fit_deviation_with_transform(const giXform3& xform) const;
     double standard_deviation_of_nominals(const giXform3& xform);
+
+    // Positioning data of an iterative fit that moves the part step by step.
+    // pop_back_rps takes the last positioning entry out into `data` (with
+    // its first measured point, from the cache of standard_deviation_of_
+    // nominals when it holds one) and returns 1, or 0 without entries;
+    // undo_pop_back_rps puts such an entry back at the end, its cached
+    // point with it. transform_rps_data moves the measured points of the
+    // positioning and spare entries by xform and turns the measured locked
+    // directions with it; the cache keeps the points as first measured.
+    int pop_back_rps(tsRPSData& data);
+    void undo_pop_back_rps(const tsRPSData& data);
+    void transform_rps_data(const giXform3& xform);
 
     static void find_flip_matrix(const giVector3& v, giXform3& out);
     // The rotation about centre that carries the direction `measured` onto
