@@ -8,6 +8,7 @@
 #include "metrofit/alignment/points_to_lines.h"
 #include "metrofit/alignment/points_to_planes.h"
 #include "metrofit/alignment/rps_data.h"
+#include "metrofit/alignment/rps_fitting.h"
 #include "metrofit/bestfit/affine_match.h"
 #include "metrofit/bestfit/fit_points.h"
 #include "metrofit/bestfit/points_to_points.h"

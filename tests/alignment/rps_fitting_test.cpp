@@ -1,0 +1,349 @@
+// Alignment by a reference point system: known motions recovered on a
+// meshed block and on analytic surfaces with the positioning held, spares,
+// balances, locks, and the stated statuses and stops.
+#include "metrofit/alignment/rps_fitting.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "metrofit/platform/surface/analytic_surfaces.h"
+#include "metrofit/platform/surface/mesh_surface.h"
+#include "tests/support/random.h"
+#include "tests/support/sampling.h"
+
+namespace {
+
+using PS = tsPointsToPlanes::PLANE_STATE;
+constexpr PS L = tsPointsToPlanes::PLANE_LOCKED;
+constexpr PS I = tsPointsToPlanes::PLANE_IGNORED;
+constexpr PS S = tsPointsToPlanes::PLANE_SOFT;
+constexpr PS X = tsPointsToPlanes::PLANE_SPARE;
+constexpr double kSize[3] = {100, 60, 40};
+
+// The block [0, 100] x [0, 60] x [0, 40] as 12 facets wound outwards.
+srkMeshSurf block_mesh() {
+    giPoint3coDynArr v;
+    for (int k = 0; k < 8; ++k)
+        v.append(giPoint3(k & 1 ? kSize[0] : 0, k & 2 ? kSize[1] : 0, k & 4 ? kSize[2] : 0));
+    const intcoDynArr t = {0, 2, 3, 0, 3, 1, 4, 5, 7, 4, 7, 6, 0, 1, 5, 0, 5, 4,
+                           2, 6, 7, 2, 7, 3, 0, 4, 6, 0, 6, 2, 1, 3, 7, 1, 7, 5};
+    return srkMeshSurf(v, t);
+}
+
+// A point of face (axis, high) of the block at fractions (u, v) of the other
+// two sides, and the face's outward normal.
+giPoint3 face_point(int axis, int high, double u, double v, giVector3& normal) {
+    double p[3], n[3] = {0, 0, 0};
+    const int a = (axis + 1) % 3, b = (axis + 2) % 3;
+    p[axis] = high * kSize[axis];
+    p[a] = u * kSize[a];
+    p[b] = v * kSize[b];
+    n[axis] = high ? 1 : -1;
+    normal = giVector3(n[0], n[1], n[2]);
+    return giPoint3(p[0], p[1], p[2]);
+}
+
+// A probe ball of radius r touching the nominal surface point s (outward
+// normal n) of the part that `motion` carries onto its nominal: measured
+// where motion^-1 puts it.
+tsFitPoint3coPrf probed(const giXform3& motion, const giPoint3& s, const giVector3& n,
+                        double r = 1.0) {
+    const giXform3 back = motion.inverse();
+    return tsFitPoint3coPrf(new tsProbedPoint3(back * (s + r * n), giUnitVec3(back * n), r));
+}
+
+// Fitting points on the faces listed (axis, high), `per_face` each.
+void add_faces(tsRPSFitting& rps, const giXform3& motion, std::vector<std::pair<int, int>> faces,
+               int per_face, std::uint64_t seed) {
+    testsupport::Rng rng(seed);
+    for (auto [axis, high] : faces)
+        for (int k = 0; k < per_face; ++k) {
+            giVector3 n;
+            const giPoint3 s =
+                face_point(axis, high, rng.uniform(0.1, 0.9), rng.uniform(0.1, 0.9), n);
+            rps.add_point(probed(motion, s, n), -DBL_MAX, DBL_MAX);
+        }
+}
+
+// A positioning point of the block: nominal q on a face, measured where
+// motion^-1 puts it, holding the world directions given by the states.
+void position(tsRPSFitting& rps, const giXform3& motion, const giPoint3& q, PS x, PS y, PS z) {
+    const giWorkplane3 world(giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), giUnitVec3(1, 0, 0));
+    rps.add_positioning(motion.inverse() * q, world, q, x, y, z);
+}
+
+// 3-2-1 positioning: three points on the bottom (z), two on the front (y),
+// one on the left end (x); `side` is the state of the last three.
+void three_two_one(tsRPSFitting& rps, const giXform3& motion, PS side) {
+    position(rps, motion, giPoint3(10, 10, 0), I, I, L);
+    position(rps, motion, giPoint3(90, 10, 0), I, I, L);
+    position(rps, motion, giPoint3(50, 50, 0), I, I, L);
+    position(rps, motion, giPoint3(20, 0, 20), I, side, I);
+    position(rps, motion, giPoint3(80, 0, 20), I, side, I);
+    position(rps, motion, giPoint3(0, 30, 20), side, I, I);
+}
+
+double max_difference(const giXform3& a, const giXform3& b, double shift_weight) {
+    double worst = 0.0;
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 4; ++c)
+            worst = std::max(worst, std::fabs(a(r, c) - b(r, c)) * (c == 3 ? shift_weight : 1.0));
+    return worst;
+}
+
+// Exact data of a moved block: the positioning holds and the fitting points
+// settle on the faces, whether the positioning is complete by itself,
+// completed by spare entries, or partly soft.
+TEST(RPSFitting, RecoversTheMotionOfAPositionedBlock) {
+    const srkMeshSurf mesh = block_mesh();
+    const tsSurfProjectorForFitting3 projector(&mesh);
+    const struct {
+        PS side;
+        std::vector<std::pair<int, int>> faces;
+        giXform3 motion;
+    } cases[] = {
+        {L, {{0, 1}, {1, 1}, {2, 1}}, testsupport::random_motion(0.5, 0.3, 3)},
+        // Fitting points on the top only: the spares must fix x, y and the
+        // turn about z.
+        {X, {{2, 1}}, testsupport::random_motion(0.5, 0.3, 4)},
+        {L, {{2, 1}, {0, 1}}, testsupport::random_motion(2.0, 1.0, 5)},
+        // Soft side locators: held lightly, exact data still fit exactly.
+        {S, {{0, 1}, {1, 1}, {2, 1}}, testsupport::random_motion(0.5, 0.3, 6)},
+    };
+    for (const auto& c : cases) {
+        tsRPSFitting rps(50, 1e-9);
+        rps.set_projector(&projector);
+        three_two_one(rps, c.motion, c.side);
+        add_faces(rps, c.motion, c.faces, 8, 11);
+        EXPECT_EQ(rps.fit(), tsRPS_FITTING_OK);
+        EXPECT_EQ(rps.num_valid_projections(), 8 * static_cast<int>(c.faces.size()));
+        EXPECT_EQ(rps.points_to_planes().positioning_entries().size(), 6);
+        EXPECT_LT(max_difference(rps.transform(), c.motion, 0.01), 1e-9);
+        EXPECT_LT(rps.standard_deviation_of_nominals(), 1e-8);
+        EXPECT_LT(rps.square_deviation(), 1e-16);
+        EXPECT_GT(rps.get_iterations(), 1);
+    }
+}
+
+// The positioning wins over the fitting points: a block measured 0.2 too
+// tall keeps its bottom on the three z locators, and the top shows the
+// whole excess.
+TEST(RPSFitting, PositioningHoldsAgainstTheFittingPoints) {
+    const srkMeshSurf mesh = block_mesh();
+    const tsSurfProjectorForFitting3 projector(&mesh);
+    const giXform3 motion = testsupport::random_motion(0.3, 0.2, 8);
+    tsRPSFitting rps(50, 1e-9);
+    rps.set_projector(&projector);
+    three_two_one(rps, motion, L);
+    testsupport::Rng rng(2);
+    for (int k = 0; k < 12; ++k) {
+        giVector3 n;
+        const giPoint3 s = face_point(2, 1, rng.uniform(0.1, 0.9), rng.uniform(0.1, 0.9), n);
+        rps.add_point(probed(motion, s + giVector3(0, 0, 0.2), n), -DBL_MAX, DBL_MAX);
+    }
+    add_faces(rps, motion, {{0, 1}, {1, 1}}, 6, 9);
+    ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK);
+    EXPECT_LT(rps.standard_deviation_of_nominals(), 1e-4);
+    for (int k = 0; k < 12; ++k)
+        EXPECT_NEAR(rps.projected_points()[k].signed_distance(), 0.2, 1e-4);
+}
+
+// Balanced pairs on the two ends centre a block that is 0.4 too long
+// between them: both ends show 0.2, whichever way it was measured.
+TEST(RPSFitting, BalancesCentreBetweenFaces) {
+    const srkMeshSurf mesh = block_mesh();
+    const tsSurfProjectorForFitting3 projector(&mesh);
+    const giXform3 motion = testsupport::random_motion(0.4, 0.5, 12);
+    tsRPSFitting rps(50, 1e-10);
+    rps.set_projector(&projector);
+    // Long by 0.1 at the low end and 0.3 at the high end.
+    for (int k = 0; k < 3; ++k) {
+        giVector3 n0, n1;
+        const giPoint3 s0 = face_point(0, 0, 0.2 + 0.3 * k, 0.5, n0);
+        const giPoint3 s1 = face_point(0, 1, 0.7 - 0.2 * k, 0.3, n1);
+        rps.add_balance(probed(motion, s0 - giVector3(0.1, 0, 0), n0), 1.0,
+                        probed(motion, s1 + giVector3(0.3, 0, 0), n1), -1.0);
+    }
+    add_faces(rps, motion, {{1, 0}, {1, 1}, {2, 0}, {2, 1}}, 5, 4);
+    ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK);
+    for (int k = 0; k < 6; ++k)
+        EXPECT_NEAR(rps.projected_points()[k].signed_distance(), 0.2, 1e-7) << k;
+}
+
+// Line and plane locks with analytic surfaces: a plate's top face (fitting
+// points on the plane z = 0) with its bore axis locked onto the nominal axis
+// and one locator against the turn; a shaft (fitting points on a cylinder)
+// with its end face locked onto the nominal plane and the same locator.
+TEST(RPSFitting, AxisAndPlaneLocksOnAnalyticSurfaces) {
+    const giXform3 motion = testsupport::random_motion(0.7, 0.4, 21);
+    const giXform3 back = motion.inverse();
+    const srkPlaneSurf plane(giPoint3(0, 0, 0), giVector3(0, 0, 1));
+    const srkCylinderSurf shaft(giPoint3(10, 20, 0), giVector3(0, 0, 1), 15.0);
+    for (int shape = 0; shape < 2; ++shape) {
+        const srkSurf& surface = shape == 0 ? static_cast<const srkSurf&>(plane) : shaft;
+        const tsSurfProjectorForFitting3 projector(&surface);
+        tsRPSFitting rps(50, 1e-10);
+        rps.set_projector(&projector);
+        testsupport::Rng rng(31 + shape);
+        for (int k = 0; k < 24; ++k) {
+            const double a = rng.uniform(0, 2 * testsupport::kPi);
+            giPoint3 s;
+            giVector3 n;
+            if (shape == 0) {
+                s = giPoint3(rng.uniform(-40, 40), rng.uniform(-40, 40), 0), n = giVector3(0, 0, 1);
+            } else {
+                n = giVector3(std::cos(a), std::sin(a), 0);
+                s = giPoint3(10, 20, rng.uniform(5, 60)) + 15.0 * n;
+            }
+            rps.add_point(probed(motion, s, n, 2.0), -DBL_MAX, DBL_MAX);
+        }
+        if (shape == 0)
+            rps.lock_axis(giInfLine3(back * giPoint3(10, 20, -5), back * giVector3(0, 0, 1)),
+                          giInfLine3(giPoint3(10, 20, 0), giVector3(0, 0, 1)), 0);
+        else
+            rps.lock_plane(giPlane(back * giVector3(0, 0, 1), back * giPoint3(12, 22, 0)),
+                           giPlane(giVector3(0, 0, 1), giPoint3(0, 0, 0)), 0);
+        position(rps, motion, giPoint3(60, 40, 0), I, L, I);
+        ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK) << shape;
+        EXPECT_LT(max_difference(rps.transform(), motion, 0.01), 1e-9) << shape;
+    }
+}
+
+// A projector that moves the nominal plane z = 0 up and down by 1 on every
+// batch (the points never settle), or that loses every point but one in
+// three after the first batch.
+class FickleProjector : public tsProjectorForFitting3 {
+   public:
+    FickleProjector(int points, bool lose) : points_(points), lose_(lose) {}
+    void rotate_and_project(const giXform3& X, const tsProbedPoint3* point,
+                            tsProjectedPoint3& out) const override {
+        const int batch = calls_ / points_, index = calls_ % points_;
+        ++calls_;
+        if (lose_ && batch > 0 && index % 3 != 0) {
+            out.set_invalid();
+            return;
+        }
+        const giPoint3 p = X * point->measured_point();
+        const double level = batch % 2 ? 1.0 : -1.0;
+        out = tsProjectedPoint3(p, giPoint3(p.x(), p.y(), level), giUnitVec3(0, 0, 1));
+    }
+
+   private:
+    int points_;
+    bool lose_;
+    mutable int calls_ = 0;
+};
+
+// The statuses and stops: too few projections with nothing positioning
+// (-1), projections lost (-3), a fit that does not improve for 11 passes
+// stops, and the iteration limit is reported (1).
+TEST(RPSFitting, StatusesAndStops) {
+    const srkMeshSurf mesh = block_mesh();
+    const tsSurfProjectorForFitting3 projector(&mesh);
+    const giXform3 motion = testsupport::random_motion(0.5, 0.3, 3);
+    {
+        tsRPSFitting rps(50, 1e-9);
+        rps.set_projector(&projector);
+        add_faces(rps, motion, {{2, 1}}, 2, 1);
+        EXPECT_EQ(rps.fit(), tsRPS_FITTING_TOO_FEW_PROJECTIONS);
+        EXPECT_EQ(rps.get_iterations(), 0);
+        EXPECT_TRUE(rps.transform().is_identity());
+        // A locator makes the same points enough.
+        position(rps, motion, giPoint3(10, 10, 0), I, I, L);
+        EXPECT_GE(rps.fit(), 0);
+    }
+    for (int lose = 0; lose < 2; ++lose) {
+        FickleProjector fickle(12, lose == 1);
+        tsRPSFitting rps(100, 1e-9);
+        rps.set_projector(&fickle);
+        testsupport::Rng rng(5);
+        for (int k = 0; k < 12; ++k)
+            rps.add_point(
+                tsFitPoint3coPrf(new tsProbedPoint3(
+                    giPoint3(rng.uniform(0, 50), rng.uniform(0, 50), 0), giUnitVec3(0, 0, 1), 0.0)),
+                -DBL_MAX, DBL_MAX);
+        if (lose) {
+            EXPECT_EQ(rps.fit(), tsRPS_FITTING_PROJECTIONS_LOST);
+            EXPECT_EQ(rps.num_valid_projections(), 4);
+        } else {
+            // Every pass lands the points on the plane of its projection:
+            // the mean square distance stays 0 after the first pass, and 11
+            // passes (of one or two tries) later the fit stops.
+            EXPECT_EQ(rps.fit(), tsRPS_FITTING_OK);
+            EXPECT_GE(rps.get_iterations(), 12);
+            EXPECT_LE(rps.get_iterations(), 24);
+        }
+    }
+    {
+        tsRPSFitting rps(2, 1e-12);
+        rps.set_projector(&projector);
+        add_faces(rps, motion, {{0, 1}, {1, 1}, {2, 1}, {0, 0}, {1, 0}, {2, 0}}, 4, 6);
+        EXPECT_EQ(rps.fit(), tsRPS_FITTING_NOT_CONVERGED);
+        EXPECT_EQ(rps.get_iterations(), 3);
+    }
+}
+
+// slow_first_iteration: back to the identity and the measured positioning,
+// 240 starts for the first intermediate fit only, and the same result again.
+// Repeated fits are bit-identical.
+TEST(RPSFitting, SlowFirstIterationStartsAgain) {
+    const srkMeshSurf mesh = block_mesh();
+    const tsSurfProjectorForFitting3 projector(&mesh);
+    const giXform3 motion = testsupport::random_motion(0.5, 0.3, 17);
+    auto make = [&](tsRPSFitting& rps) {
+        rps.set_projector(&projector);
+        three_two_one(rps, motion, L);
+        add_faces(rps, motion, {{0, 1}, {1, 1}, {2, 1}}, 5, 3);
+    };
+    tsRPSFitting rps(50, 1e-9), again(50, 1e-9);
+    make(rps);
+    make(again);
+    ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK);
+    ASSERT_EQ(again.fit(), tsRPS_FITTING_OK);
+    EXPECT_EQ(max_difference(rps.transform(), again.transform(), 1.0), 0.0);
+    const double before = rps.standard_deviation_of_nominals();
+    const giXform3 found = rps.transform();
+    rps.slow_first_iteration();
+    EXPECT_TRUE(rps.transform().is_identity());
+    EXPECT_EQ(rps.get_iterations(), 0);
+    EXPECT_EQ(rps.points_to_planes().num_guesses(), 240);
+    EXPECT_GT(rps.standard_deviation_of_nominals(), 100 * before + 1e-3);
+    ASSERT_EQ(rps.do_iteration(), 1);
+    EXPECT_EQ(rps.points_to_planes().num_guesses(), 60);
+    ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK);
+    EXPECT_LT(max_difference(rps.transform(), found, 0.01), 1e-9);
+}
+
+// The positioning operations of the embedded object: an entry taken out and
+// put back keeps its first measured point; the determination test.
+TEST(RPSFitting, PositioningDataOperations) {
+    const giXform3 motion = testsupport::random_motion(0.5, 0.3, 3);
+    tsRPSFitting rps(50, 1e-9);
+    giXform3 T(giIdentity);
+    EXPECT_EQ(rps.rps_determined(0, T), 0);
+    three_two_one(rps, motion, L);
+    EXPECT_EQ(rps.rps_determined(0, T), 1);
+
+    tsPointsToPlanes p;
+    p.add_positioning(giPoint3(1, 2, 3), giPoint3(1, 2, 0), giVector3(0, 0, 1), 1);
+    p.add_positioning(giPoint3(4, 5, 6), giPoint3(4, 5, 0), giVector3(0, 0, 1), 1);
+    const double sd = p.standard_deviation_of_nominals(T);
+    p.transform_rps_data(giXform3(giVector3(0, 0, -4)));
+    EXPECT_EQ(p.positioning_entries()[1].measured_point.z(), 2.0);
+    tsRPSData taken;
+    ASSERT_EQ(p.pop_back_rps(taken), 1);
+    EXPECT_EQ(taken.point.z(), 6.0);
+    EXPECT_EQ(taken.entry.measured_point.z(), 2.0);
+    EXPECT_EQ(p.positioning_entries().size(), 1);
+    p.undo_pop_back_rps(taken);
+    EXPECT_EQ(p.standard_deviation_of_nominals(T), sd);
+    EXPECT_EQ(p.positioning_entries()[1].measured_point.z(), 2.0);
+    tsPointsToPlanes empty;
+    EXPECT_EQ(empty.pop_back_rps(taken), 0);
+}
+
+}  // namespace
