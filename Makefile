@@ -51,7 +51,8 @@ consumer: build
 
 # Fits every sample file in examples/ with the command-line tool, takes the
 # convex hull of the planar sample, aligns the block sample and fits the
-# points measured on the box mesh, and matches the hole centres.
+# points measured on the box mesh, matches the hole centres, and aligns the
+# box held by its reference point system.
 demo: build
 	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone axis; do \
 	  echo "== metrofit fit $$f examples/$$f.txt"; \
@@ -69,6 +70,9 @@ demo: build
 	@echo
 	@echo "== metrofit match examples/match.txt"
 	@$(BUILD)/tools/metrofit/metrofit match examples/match.txt
+	@echo
+	@echo "== metrofit rps examples/rps.txt"
+	@$(BUILD)/tools/metrofit/metrofit rps examples/rps.txt
 
 sanitize: deps
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMETROFIT_SANITIZE=ON $(CMAKE_ARGS)

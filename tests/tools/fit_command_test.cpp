@@ -123,7 +123,7 @@ TEST(ToolRefusal, StatusAndReasonWithoutAReport) {
         {"", usage, "", "no command"},
         {"fit", usage, "", "needs a feature"},
         {"fit sphere", usage, "", "needs a file"},
-        {"fits sphere f", usage, "", "commands are 'fit', 'hull', 'align' and 'bestfit')"},
+        {"fits sphere f", usage, "", "commands are 'fit', 'hull', 'align', 'bestfit', 'match' and 'rps')"},
         {"fit cube f", usage, "", "unknown feature 'cube'"},
         {"fit sphere f g", usage, "", "unexpected argument 'g'"},
         {"fit sphere f --jsn", usage, "", "unknown option '--jsn'"},

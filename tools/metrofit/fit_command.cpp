@@ -573,6 +573,8 @@ std::string usage_text() {
        metrofit bestfit --surface FILE.stl <points> [--probe-radius R]
                 [--tolerance T] [--lock-rotations | --lock-origin X,Y,Z |
                 --lock-axis AX,AY,AZ] [--band LO,HI] [--json]
+       metrofit match <file> [--rigid | --affine TYPE] [--json]
+       metrofit rps <description> [--json]
        metrofit --help | --version
 
 fit: fits a least-squares feature to the points in <file> ("-" reads
@@ -586,6 +588,12 @@ align: the rigid motion that carries measured points onto nominal planes
 
 bestfit: the rigid motion that carries measured points onto a nominal
 surface given as an STL mesh (see "metrofit bestfit --help").
+
+match: the rigid or restricted affine transform that carries measured
+points onto their nominal partners (see "metrofit match --help").
+
+rps: the alignment of a part held by a reference point system, its fitting
+points best-fitted onto an STL mesh (see "metrofit rps --help").
 
 Features, and the numbers each data line holds:
   line2     straight line in the plane   x y
@@ -820,7 +828,7 @@ int parse_options(const std::vector<std::string>& args, Options& o, std::string&
     }
     if (positional[0] != "fit") {
         error = "unknown command '" + positional[0] +
-                "' (the commands are 'fit', 'hull', 'align' and 'bestfit')";
+                "' (the commands are 'fit', 'hull', 'align', 'bestfit', 'match' and 'rps')";
         return kExitUsage;
     }
     if (positional.size() < 3) {

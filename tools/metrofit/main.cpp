@@ -8,6 +8,7 @@
 #include "tools/metrofit/bestfit_command.h"
 #include "tools/metrofit/fit_command.h"
 #include "tools/metrofit/match_command.h"
+#include "tools/metrofit/rps_command.h"
 
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
@@ -17,5 +18,7 @@ int main(int argc, char** argv) {
         return metrofit_tool::run_align(args, std::cin, std::cout, std::cerr);
     if (metrofit_tool::is_match_command(args))
         return metrofit_tool::run_match(args, std::cin, std::cout, std::cerr);
+    if (metrofit_tool::is_rps_command(args))
+        return metrofit_tool::run_rps(args, std::cin, std::cout, std::cerr);
     return metrofit_tool::run_metrofit(args, std::cin, std::cout, std::cerr);
 }
