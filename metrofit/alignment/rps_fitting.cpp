@@ -19,6 +19,8 @@ constexpr int kStrongTieAfter = 30;
 // Iterations before a step that does not lower the mean square distance is
 // tried again with the strong tie.
 constexpr int kRetryAfter = 4;
+// Bestfit entries beyond which the first downhill search runs on a sample.
+constexpr int kSearchSample = 256;
 // Passes without a lower mean square distance after which fit() stops.
 constexpr int kStallPasses = 10;
 
@@ -334,25 +336,30 @@ void tsRPSFitting::reproject_all_points(giXform3& xform) {
 
 void tsRPSFitting::extract_fitting_data() {
     reproject_all_points(transform_);
-    const int n = projected_.size();
-    const int slots = static_cast<int>(balance_pairs_.size());
     num_valid_projections_ = 0;
     for (const tsProjectedPoint3& p : projected_) num_valid_projections_ += p.invalid() ? 0 : 1;
+    load_entries(1);
+}
+
+void tsRPSFitting::load_entries(int stride) {
+    const int n = projected_.size();
+    const int slots = static_cast<int>(balance_pairs_.size());
     fitter_.clear_bestfit_data();
-    fitter_.reserve_bestfit(num_valid_projections_);
+    fitter_.reserve_bestfit(num_valid_projections_ / stride + 2);
     for (int i = 0; i < n; ++i) {
         const tsProjectedPoint3& p = projected_[i];
+        const bool kept = i % stride == 0;
         const int partner = i < slots ? balance_pairs_[i].first : -1;
         if (partner >= i) {
             const int j = ++i;
-            if (p.invalid() || j >= n || projected_[j].invalid()) continue;
+            if (!kept || p.invalid() || j >= n || projected_[j].invalid()) continue;
             const tsProjectedPoint3& q = projected_[j];
             fitter_.add_balance(p.measured_point(), p.nominal_point(), p.nominal_normal(),
                                 balance_pairs_[j - 1].second, q.measured_point(), q.nominal_point(),
                                 q.nominal_normal(), balance_pairs_[j].second, 1.0);
             continue;
         }
-        if (p.invalid()) continue;
+        if (!kept || p.invalid()) continue;
         fitter_.add_bestfit(p.measured_point(), p.nominal_point(), p.nominal_normal(),
                             lower_limits_.read(i), upper_limits_.read(i), 1.0);
     }
@@ -367,8 +374,18 @@ int tsRPSFitting::do_intermediate_bestfit(giXform3& step, double speed, int firs
     // starts on the first step, from no motion on the later ones, which only
     // need it for tolerance bands); the Gauss-Newton polish then settles it.
     if (first || fitter_.has_limits()) {
+        // Without bands the first search runs on an even sample of the
+        // projections (the polish below uses them all): the many starts of
+        // the downhill search would otherwise cost a pass over every point
+        // per evaluation.
+        const int n = fitter_.bestfit_entries().size();
+        const int stride = first && !fitter_.has_limits() && n > kSearchSample
+                               ? (projected_.size() + kSearchSample - 1) / kSearchSample
+                               : 1;
+        if (stride > 1) load_entries(stride);
         fitter_.multiple_guesses(first ? 1 : 0);
         fitter_.fit(motion, std::sqrt(square_tolerance_), nullptr);
+        if (stride > 1) load_entries(1);
         if (!is_finite_xform(motion)) return 0;
     }
     polish(fitter_, speed, motion);

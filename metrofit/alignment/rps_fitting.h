@@ -25,8 +25,9 @@
 //    (positioning entries count 1000 times, a balanced pair is one residual;
 //    with tolerance bands the minimax of the band excess). The first step
 //    runs its multi-start downhill search over the rotation (shift in
-//    closed form; 240 starts after slow_first_iteration); later steps start
-//    from no motion. Without bands the result is then polished by
+//    closed form; 240 starts after slow_first_iteration), on an even sample
+//    of about 256 fitting points when there are more and no bands; later
+//    steps start from no motion. Without bands the result is then polished by
 //    Gauss-Newton iterations of the same objective, kept while they lower
 //    it: the simplex stops near the minimum when the positioning weight
 //    makes the problem ill-conditioned, the polish reaches rounding (later
@@ -185,6 +186,9 @@ class tsRPSFitting {
     // transform with the positioning data following it; records the largest
     // movement and the mean square distance under the step.
     void apply_step(const giXform3& step);
+    // The bestfit entries of the embedded object from the projections: every
+    // one (stride 1), or those of every stride-th fitting point.
+    void load_entries(int stride);
 
     giXform3 transform_;
     double mean_square_distance_ = 0.0;

@@ -105,8 +105,11 @@ TEST(RPSFitting, RecoversTheMotionOfAPositionedBlock) {
         PS side;
         std::vector<std::pair<int, int>> faces;
         giXform3 motion;
+        int per_face = 8;
     } cases[] = {
         {L, {{0, 1}, {1, 1}, {2, 1}}, testsupport::random_motion(0.5, 0.3, 3)},
+        // Enough points for the first search to run on a sample.
+        {L, {{0, 1}, {1, 1}, {2, 1}}, testsupport::random_motion(1.0, 0.5, 7), 150},
         // Fitting points on the top only: the spares must fix x, y and the
         // turn about z.
         {X, {{2, 1}}, testsupport::random_motion(0.5, 0.3, 4)},
@@ -118,9 +121,9 @@ TEST(RPSFitting, RecoversTheMotionOfAPositionedBlock) {
         tsRPSFitting rps(50, 1e-9);
         rps.set_projector(&projector);
         three_two_one(rps, c.motion, c.side);
-        add_faces(rps, c.motion, c.faces, 8, 11);
+        add_faces(rps, c.motion, c.faces, c.per_face, 11);
         EXPECT_EQ(rps.fit(), tsRPS_FITTING_OK);
-        EXPECT_EQ(rps.num_valid_projections(), 8 * static_cast<int>(c.faces.size()));
+        EXPECT_EQ(rps.num_valid_projections(), c.per_face * static_cast<int>(c.faces.size()));
         EXPECT_EQ(rps.points_to_planes().positioning_entries().size(), 6);
         EXPECT_LT(max_difference(rps.transform(), c.motion, 0.01), 1e-9);
         EXPECT_LT(rps.standard_deviation_of_nominals(), 1e-8);
