@@ -29,6 +29,7 @@
 #include "metrofit/features/projected_circles.h"
 #include "metrofit/features/random_directions.h"
 #include "metrofit/features/sphere.h"
+#include "metrofit/features/torus.h"
 #include "metrofit/features/touching_circles.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/input_checks.h"

@@ -92,6 +92,17 @@ class tsLeastSquareDistributionQuality {
                                                    const giPoint3& apex, const giVector3& axis,
                                                    double half_angle);
 
+    // Torus of the given centre, axis (any length but zero), centre-circle
+    // radius and tube radius.
+    static double distribution_quality_torus(const giPoint3coDynArr& points,
+                                             const giPoint3& centre, const giVector3& axis,
+                                             double major_radius, double minor_radius);
+    // Ellipse of the given centre, semi-axes and angle of the major axis from
+    // the x axis (radians); the raw model measure.
+    static double distribution_quality_ellipse(const giPoint2coDynArr& points,
+                                               const giPoint2& centre, double semi_major,
+                                               double semi_minor, double angle);
+
     static double distribution_quality_line(const giPoint2coDynArr& points, const giPoint2& point,
                                             const giUnitVec2& direction);
     static double distribution_quality_line3(const giPoint3coDynArr& points, const giPoint3& point,

@@ -1,0 +1,283 @@
+#include "metrofit/features/torus.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+#include "metrofit/frame/distribution_quality.h"
+#include "tests/support/gauss_newton.h"
+#include "tests/support/gradient_check.h"
+#include "tests/support/sampling.h"
+
+namespace {
+
+using testsupport::kPi;
+
+struct Torus {
+    giPoint3 centre;
+    giUnitVec3 axis;
+    double major = -1.0, minor = -1.0, rms = -1.0;
+};
+
+// n points on the torus about the z axis through the origin (R, r), ring
+// angles uniform in `ring` degrees centred on +x, tube angles uniform in
+// [lo, hi] degrees (0 on the outer equator, 90 on top), moved along the
+// surface normal by normal noise sigma; `extra` widens the tube.
+giPoint3coDynArr torus_points(int n, double R, double r, double ring, double lo, double hi,
+                              double sigma, std::uint64_t seed, double extra = 0.0) {
+    testsupport::Rng rng(seed);
+    giPoint3coDynArr pts;
+    const double k = kPi / 180.0;
+    for (int i = 0; i < n; ++i) {
+        const double t = rng.uniform(-0.5 * ring * k, 0.5 * ring * k), f = rng.uniform(lo, hi) * k;
+        const double s = r + extra + rng.normal(sigma), rho = R + s * std::cos(f);
+        pts.append(giPoint3(rho * std::cos(t), rho * std::sin(t), s * std::sin(f)));
+    }
+    return pts;
+}
+
+int fit(const giPoint3coDynArr& pts, Torus& t) {
+    return tsLeastSquareEvaluator::evaluate_torus(pts, t.centre, t.axis, t.major, t.minor, t.rms);
+}
+int fit_probed(const giPoint3coDynArr& pts, const doublecoDynArr& radii, int inside, Torus& t) {
+    return tsLeastSquareEvaluator::evaluate_probed_torus(pts, radii, inside, t.centre, t.axis,
+                                                         t.major, t.minor, t.rms);
+}
+int fit_guess(const giPoint3coDynArr& pts, Torus& t) {
+    return tsLeastSquareEvaluator::evaluate_torus_with_guess(pts, t.centre, t.axis, t.major,
+                                                             t.minor, t.rms);
+}
+
+doublecoDynArr filled(int n, double value) {
+    doublecoDynArr out;
+    for (int i = 0; i < n; ++i) out.append(value);
+    return out;
+}
+
+// A refused call leaves the outputs as Torus{} set them.
+void expect_untouched(const Torus& t) {
+    EXPECT_FALSE(t.centre.is_set() || t.axis.is_set());
+    EXPECT_TRUE(t.major == -1.0 && t.minor == -1.0 && t.rms == -1.0);
+}
+
+Torus moved(const giXform3& T, double R, double r) {
+    return {T * giPoint3(0, 0, 0), giUnitVec3(T * giVector3(0, 0, 1)), R, r, 0.0};
+}
+
+// Lengths within tol, the axes (either sense) within tol / L radians.
+void expect_same(const Torus& got, const Torus& want, double tol, double L) {
+    EXPECT_LT((got.centre - want.centre).length(), tol);
+    EXPECT_LT(std::atan2(cross(got.axis, want.axis).length(), std::fabs(dot(got.axis, want.axis))),
+              tol / L);
+    EXPECT_NEAR(got.major, want.major, tol);
+    EXPECT_NEAR(got.minor, want.minor, tol);
+}
+
+// The least-squares torus near `near` by the test's own Gauss-Newton in long
+// double: centre shifted, axis turned in the plane across it, both radii.
+Torus refine(const giPoint3coDynArr& pts, const Torus& near, const doublecoDynArr* q = nullptr) {
+    const giUnitVec3 u0 = near.axis, e1 = u0.any_normal(), e2(cross(u0, e1));
+    const auto at = [&](const testsupport::LongVector& p, long double(&C)[3], long double(&u)[3]) {
+        long double len = 0;
+        for (int k = 0; k < 3; ++k) {
+            C[k] = near.centre[k] + p[k];
+            u[k] = u0[k] + p[3] * e1[k] + p[4] * e2[k];
+            len += u[k] * u[k];
+        }
+        for (long double& x : u) x /= std::sqrt(len);
+    };
+    const auto residuals = [&](const testsupport::LongVector& p, testsupport::LongVector& res) {
+        long double C[3], u[3];
+        at(p, C, u);
+        for (int i = 0; i < pts.size(); ++i) {
+            const long double w[3] = {pts[i].x() - C[0], pts[i].y() - C[1], pts[i].z() - C[2]};
+            const long double h = u[0] * w[0] + u[1] * w[1] + u[2] * w[2];
+            const long double rho = std::sqrt(w[0] * w[0] + w[1] * w[1] + w[2] * w[2] - h * h);
+            res[i] = std::sqrt((rho - p[5]) * (rho - p[5]) + h * h) - p[6] + (q ? (*q)[i] : 0.0);
+        }
+    };
+    const auto p =
+        testsupport::gauss_newton(residuals, {0, 0, 0, 0, 0, near.major, near.minor}, pts.size());
+    long double C[3], u[3];
+    at(p, C, u);
+    return {giPoint3(C[0], C[1], C[2]), giUnitVec3(u[0], u[1], u[2]), static_cast<double>(p[5]),
+            static_cast<double>(p[6]), 0.0};
+}
+
+struct Coverage {
+    double ring, lo, hi, ratio;  // degrees of ring and tube; R / r
+};
+const Coverage kCoverages[] = {
+    {360, -180, 180, 2}, {360, -180, 180, 20}, {360, -90, 90, 5}, {90, -180, 180, 2},
+    {90, -180, 180, 20}, {90, -90, 90, 2},     {90, -90, 90, 10}, {180, 0, 180, 3},
+    {60, -180, 180, 2},  // as thick as long: any principal axis may be the closest
+};
+
+}  // namespace
+
+// Points in a pose 1e3 from the origin. Exact points: the sampled torus.
+// Noisy points: a torus near the sampled one with the RMS of the noise (a
+// wrong minimum lies far above it), the least-squares torus (the test's own
+// Gauss-Newton agrees), the same to the bit on a second call and from a
+// guess, and moved along with the points by a rigid motion 1e5 away.
+TEST(TorusFit, FindsTheLeastSquaresTorusInAnyPose) {
+    const double r = 4.0;
+    const giXform3 T = testsupport::random_motion(70.0, 1e3, 8);
+    const giXform3 far = testsupport::random_motion(130.0, 1e5, 12);
+    for (const double sigma : {0.0, 0.01}) {
+        for (const Coverage& c : kCoverages) {
+            SCOPED_TRACE(testing::Message()
+                         << sigma << ": " << c.ring << " " << c.lo << " " << c.ratio);
+            const double R = c.ratio * r;
+            const auto pts =
+                testsupport::transformed(T, torus_points(200, R, r, c.ring, c.lo, c.hi, sigma, 9));
+            Torus t, again, m;
+            ASSERT_EQ(fit(pts, t), 1);
+            // The axis's largest component is positive.
+            EXPECT_EQ(
+                std::max({t.axis.x(), t.axis.y(), t.axis.z()}),
+                std::max({std::fabs(t.axis.x()), std::fabs(t.axis.y()), std::fabs(t.axis.z())}));
+            if (sigma == 0.0) {
+                expect_same(t, moved(T, R, r), 1e-9 * 1e3, 1e3);  // 1e-9 of the scale
+                EXPECT_LT(t.rms, 1e-9 * 1e3);
+                continue;
+            }
+            expect_same(t, moved(T, R, r), 0.05 * r, R);
+            EXPECT_LT(t.rms, 1.2 * sigma);
+            expect_same(t, refine(pts, t), 1e-8 * (R + r), R + r);
+            ASSERT_EQ(fit(pts, again), 1);
+            EXPECT_TRUE(again.centre == t.centre && again.axis == t.axis && again.rms == t.rms &&
+                        again.major == t.major && again.minor == t.minor);
+            Torus g = {t.centre + giVector3(0.3, -0.2, 0.4),
+                       giUnitVec3(t.axis + giVector3(0.02, 0, -0.02)), t.major + 0.5,
+                       t.minor - 0.3};
+            ASSERT_EQ(fit_guess(pts, g), 1);  // from a decent guess
+            expect_same(g, t, 1e-9 * 1e3, 1e3);
+            ASSERT_EQ(fit(testsupport::transformed(far, pts), m), 1);
+            expect_same(m, {far * t.centre, giUnitVec3(far * t.axis), t.major, t.minor, 0.0},
+                        1e-9 * 1e5, 1e5);  // 1e-9 of the offset
+            EXPECT_NEAR(m.rms, t.rms, 1e-9 * 1e5);
+        }
+    }
+}
+
+// Ball centres at r + p (outside) or r - p (inside) from the centre circle:
+// the probed fit reports the touched tube, the plain fit the centres' tube.
+// With varying radii it reaches the least-squares optimum of the probed
+// distances.
+TEST(TorusFit, ProbedFitCompensatesTheProbeRadius) {
+    const double R = 12.0, r = 4.0, p = 1.5;
+    const giXform3 T = testsupport::random_motion(25.0, 1e3, 4);
+    for (const int inside : {0, 1}) {
+        SCOPED_TRACE(inside);
+        const double extra = inside ? -p : p;
+        const auto pts = testsupport::transformed(
+            T, torus_points(200, R, r, 180, -180, 180, 0.01, 6 + inside, extra));
+        Torus probed, plain;
+        ASSERT_EQ(fit_probed(pts, filled(pts.size(), p), inside, probed), 1);
+        ASSERT_EQ(fit(pts, plain), 1);
+        plain.minor -= extra;
+        expect_same(probed, plain, 1e-9 * 1e3, 1e3);
+        EXPECT_NEAR(probed.rms, plain.rms, 1e-9 * 1e3);
+        EXPECT_NEAR(probed.minor, r, 0.01);  // sigma 0.01, 200 points
+    }
+    const auto pts = torus_points(150, R, r, 270, -120, 120, 0.01, 10);
+    doublecoDynArr radii, signed_radii;  // q = -rho for contact from outside
+    for (int i = 0; i < pts.size(); ++i) {
+        radii.append(0.3 * (i % 5));
+        signed_radii.append(-0.3 * (i % 5));
+    }
+    Torus t;
+    ASSERT_EQ(fit_probed(pts, radii, 0, t), 1);
+    expect_same(t, refine(pts, t, &signed_radii), 1e-8 * (R + r), R + r);
+}
+
+TEST(TorusFit, RefusesBadAndDegenerateInput) {
+    const auto good = torus_points(40, 10.0, 3.0, 360, -180, 180, 0.0, 15);
+    giPoint3coDynArr nan_pt = good, inf_pt = good, equal, line, plane, circle, two_circles;
+    nan_pt[7] = giPoint3(1.0, NAN, 2.0);
+    inf_pt[3] = giPoint3(INFINITY, 0.0, 0.0);
+    testsupport::Rng rng(16);
+    for (int i = 0; i < 40; ++i) {
+        const double c = 10 * std::cos(0.4 * i), s = 10 * std::sin(0.4 * i);
+        equal.append(giPoint3(1, 2, 3));
+        line.append(giPoint3(i, 2.0 * i, -i));
+        plane.append(giPoint3(rng.uniform(0, 10), rng.uniform(0, 10), 1.0));
+        circle.append(giPoint3(c, s, 0.0));  // the equator of many tori
+        two_circles.append(giPoint3(c, s, i % 2 ? 2.0 : -2.0));
+    }
+    const struct {
+        const char* name;
+        giPoint3coDynArr pts;
+    } cases[] = {
+        {"three points", torus_points(3, 10.0, 3.0, 360, -180, 180, 0.0, 18)},
+        {"six points", torus_points(6, 10.0, 3.0, 360, -180, 180, 0.0, 18)},
+        {"NaN", nan_pt},
+        {"infinity", inf_pt},
+        {"all equal", equal},
+        {"collinear", line},
+        {"coplanar", plane},
+        {"one circle", circle},
+        {"two parallel circles", two_circles},
+        {"cylinder (no minimum)", testsupport::cylinder_points(60, 5, 20, 360, 1e-3, 17)},
+        {"sphere (R = 0)", testsupport::sphere_points(60, giPoint3(1, 2, 3), 5, 180, 0, 23)}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Torus t;
+        EXPECT_EQ(fit(c.pts, t), 0);
+        EXPECT_EQ(fit_probed(c.pts, filled(c.pts.size(), 0.0), 1, t), 0);
+        expect_untouched(t);
+    }
+    doublecoDynArr nan_radii = filled(good.size(), 1.0);
+    nan_radii[5] = NAN;
+    // Every torus with (10 - R)^2 + 2^2 = r^2 holds both circles exactly: a
+    // guess on that family is refused although it fits.
+    Torus t, unset, g = {giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 8.0, std::sqrt(8.0), -1.0};
+    EXPECT_EQ(fit_probed(good, filled(good.size() - 1, 1.0), 0, t), 0);
+    EXPECT_EQ(fit_probed(good, nan_radii, 0, t), 0);
+    expect_untouched(t);
+    EXPECT_EQ(fit_guess(good, unset), 0);
+    expect_untouched(unset);
+    EXPECT_EQ(fit_guess(two_circles, g), 0);
+    EXPECT_EQ(g.rms, -1.0);
+}
+
+TEST(TorusModel, GradientMatchesDifferences) {
+    const auto pts = testsupport::transformed(testsupport::random_motion(30.0, 5.0, 19),
+                                              torus_points(30, 8.0, 3.0, 360, -180, 180, 0.5, 20));
+    doublecoDynArr radii;
+    for (int i = 0; i < pts.size(); ++i) radii.append(0.1 * i);
+    tsLeastSquareTorus plain(pts);
+    tsLeastSquareProbedTorus probed(pts, radii, 0);
+    const mlVector starts[] = {{0.3, -0.2, 0.1, 0.1, 0.2, 2.0, 8.5, 2.5},
+                               {-1.0, 2.0, 0.5, -0.6, 0.7, 0.3, 3.0, 5.0}};  // a spindle torus
+    for (const mlVector& p : starts) {
+        expect_gradient_matches(plain, p, 1e-6);
+        expect_gradient_matches(probed, p, 1e-6);
+    }
+}
+
+TEST(TorusDistributionQuality, WholeTorusNearOnePatchesLower) {
+    const auto quality = [](const giPoint3coDynArr& pts, const giVector3& axis) {
+        return tsLeastSquareDistributionQuality::distribution_quality_torus(pts, giPoint3(0, 0, 0),
+                                                                            axis, 12.0, 3.0);
+    };
+    const struct {
+        double ring, lo, hi, low, high;
+    } cases[] = {{360, -180, 180, 0.85, 1.05},  // whole torus, R = 4 r
+                 {90, -180, 180, 0.03, 0.2},    // a quarter of the ring
+                 {20, -40, 40, 0.0, 0.01}};     // a small patch
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.ring);
+        const double q =
+            quality(torus_points(2000, 12.0, 3.0, c.ring, c.lo, c.hi, 0.0, 21), giVector3(0, 0, 2));
+        EXPECT_GT(q, c.low);
+        EXPECT_LT(q, c.high);
+    }
+    EXPECT_EQ(quality(torus_points(50, 12.0, 3.0, 360, -180, 180, 0.0, 22), giVector3(0, 0, 0)),
+              0.0);  // no axis
+    EXPECT_EQ(quality(torus_points(2, 12.0, 3.0, 360, -180, 180, 0.0, 22), giVector3(0, 0, 1)),
+              0.0);
+}
