@@ -21,6 +21,8 @@
 #include "metrofit/features/cone_guess.h"
 #include "metrofit/features/cylinder.h"
 #include "metrofit/features/direct_circle.h"
+#include "metrofit/features/direct_ellipse.h"
+#include "metrofit/features/ellipse.h"
 #include "metrofit/features/fitted_records.h"
 #include "metrofit/features/line.h"
 #include "metrofit/features/plane.h"
