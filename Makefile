@@ -54,7 +54,7 @@ consumer: build
 # points measured on the box mesh, matches the hole centres, and aligns the
 # box held by its reference point system.
 demo: build
-	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone axis; do \
+	@for f in sphere circle2 circle3 plane line2 line3 cylinder cone axis torus ellipse2 ellipse3; do \
 	  echo "== metrofit fit $$f examples/$$f.txt"; \
 	  $(BUILD)/tools/metrofit/metrofit fit $$f examples/$$f.txt || exit 1; \
 	  echo; \

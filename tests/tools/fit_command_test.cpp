@@ -123,7 +123,8 @@ TEST(ToolRefusal, StatusAndReasonWithoutAReport) {
         {"", usage, "", "no command"},
         {"fit", usage, "", "needs a feature"},
         {"fit sphere", usage, "", "needs a file"},
-        {"fits sphere f", usage, "", "commands are 'fit', 'hull', 'align', 'bestfit', 'match' and 'rps')"},
+        {"fits sphere f", usage, "",
+         "commands are 'fit', 'hull', 'align', 'bestfit', 'match' and 'rps')"},
         {"fit cube f", usage, "", "unknown feature 'cube'"},
         {"fit sphere f g", usage, "", "unexpected argument 'g'"},
         {"fit sphere f --jsn", usage, "", "unknown option '--jsn'"},
@@ -538,6 +539,83 @@ TEST(ToolHull, InsideSaysWhereThePointLies) {
         EXPECT_NE(j.out.find(std::string("\"position\": \"") + position), npos) << point;
         EXPECT_EQ(json_numbers(j.out, "query"), option_numbers(point));
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Exact points on a torus (centre (5, -3, 8), axis z turned by 20 degrees
+// about x, ring radius 30, tube radius 6, a half ring), on an ellipse in the
+// plane (centre (12, -4), semi-axes 25 and 15, major axis at 30 degrees,
+// 270 degrees of it) and on an ellipse in space (that ellipse carried into
+// the tilted plane): the tool reports the generating feature, touched
+// from outside by balls of radius 1 for the probed torus.
+TEST(ToolFit, TorusAndEllipsesReportTheGeneratingFeature) {
+    const double tilt = 20.0 * kPi / 180.0, turn = 30.0 * kPi / 180.0;
+    const giVector3 axis(0, -std::sin(tilt), std::cos(tilt)), x(1, 0, 0);
+    const giVector3 y = cross(axis, x);
+    giPoint3coDynArr torus, centres, ellipse3;
+    giPoint2coDynArr ellipse2;
+    for (int k = 0; k < 40; ++k) {
+        const double t = kPi * (k + 0.5) / 40, p = 2 * kPi * ((k * 7) % 40 + 0.5) / 40;
+        const giVector3 d = std::cos(t) * x + std::sin(t) * y;
+        const giVector3 n = std::cos(p) * d + std::sin(p) * axis;
+        torus.append(giPoint3(5, -3, 8) + 30.0 * d + 6.0 * n);
+        centres.append(giPoint3(5, -3, 8) + 30.0 * d + 7.0 * n);
+    }
+    for (int k = 0; k < 24; ++k) {
+        const double t = 1.5 * kPi * k / 23, ex = 25 * std::cos(t), ey = 15 * std::sin(t);
+        ellipse2.append(giPoint2(12 + ex * std::cos(turn) - ey * std::sin(turn),
+                                 -4 + ex * std::sin(turn) + ey * std::cos(turn)));
+        ellipse3.append(giPoint3(100, 50, -20) + ellipse2[k].x() * x + ellipse2[k].y() * y);
+    }
+    const giPoint3 centre3 = giPoint3(100, 50, -20) + 12.0 * x - 4.0 * y;
+    const giVector3 major3 = std::cos(turn) * x + std::sin(turn) * y;
+    const struct {
+        std::vector<std::string> args;
+        std::string input;
+        std::vector<std::pair<std::string, std::vector<double>>> expected;
+    } cases[] = {
+        {{"fit", "torus", "-", "--json"},
+         rows(torus),
+         {{"centre", {5, -3, 8}},
+          {"axis", {0, -std::sin(tilt), std::cos(tilt)}},
+          {"major_radius", {30}},
+          {"minor_radius", {6}}}},
+        {{"fit", "torus", "-", "--json", "--probe-radius", "1"},
+         rows(centres),
+         {{"centre", {5, -3, 8}}, {"major_radius", {30}}, {"minor_radius", {6}}}},
+        {{"fit", "ellipse2", "-", "--json"},
+         rows(ellipse2),
+         {{"centre", {12, -4}}, {"semi_major", {25}}, {"semi_minor", {15}}, {"angle", {30}}}},
+        {{"fit", "ellipse3", "-", "--json"},
+         rows(ellipse3),
+         {{"centre", {centre3.x(), centre3.y(), centre3.z()}},
+          {"normal", {0, -std::sin(tilt), std::cos(tilt)}},
+          {"semi_major", {25}},
+          {"semi_minor", {15}}}},
+    };
+    for (const auto& c : cases) {
+        const ToolRun r = run_tool(c.args, c.input);
+        ASSERT_EQ(r.status, kExitOk) << c.args[1] << r.err;
+        for (const auto& [key, values] : c.expected)
+            EXPECT_TRUE(near(r.out, key, values, 1e-8)) << c.args[1] << " " << key << r.out;
+        EXPECT_LT(number(r.out, "rms"), 1e-9) << c.args[1];
+        EXPECT_GT(number(r.out, "distribution_quality"), 0.01) << c.args[1];
+    }
+    // The major axis of the space ellipse, either sense.
+    const ToolRun r = run_tool({"fit", "ellipse3", "-", "--json"}, rows(ellipse3));
+    EXPECT_TRUE(near(r.out, "major_axis", {major3.x(), major3.y(), major3.z()}, 1e-8) ||
+                near(r.out, "major_axis", {-major3.x(), -major3.y(), -major3.z()}, 1e-8));
+    // Too few points, and points on a line, are refused with the reason.
+    giPoint3coDynArr five;
+    for (int k = 0; k < 5; ++k) five.append(torus[k]);
+    const ToolRun few = run_tool({"fit", "torus", "-"}, rows(five));
+    EXPECT_EQ(few.status, kExitRefused);
+    EXPECT_NE(few.err.find("at least 7 points"), npos) << few.err;
+    EXPECT_EQ(run_tool({"fit", "ellipse2", "-"}, "0 0\n1 1\n2 2\n3 3\n4 4\n5 5\n").status,
+              kExitRefused);
 }
 
 }  // namespace

@@ -7,8 +7,10 @@
 
 #include "metrofit/features/cone.h"
 #include "metrofit/features/cylinder.h"
+#include "metrofit/features/ellipse.h"
 #include "metrofit/features/probed_cone.h"
 #include "metrofit/features/probed_cylinder.h"
+#include "metrofit/features/torus.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/least_square_evaluator.h"
 #include "tools/metrofit/hull_command.h"
@@ -43,6 +45,9 @@ constexpr FeatureInfo kFeatures[] = {
     {Feature::cylinder, "cylinder", "cylinder", 3, 5, true, false, true, false},
     {Feature::cone, "cone", "cone", 3, 6, true, false, true, false},
     {Feature::axis, "axis", "axis of a surface of revolution", 3, 6, false, false, false, true},
+    {Feature::torus, "torus", "torus", 3, 7, true, false, false, false},
+    {Feature::ellipse2, "ellipse2", "ellipse in the plane", 2, 5, false, false, false, false},
+    {Feature::ellipse3, "ellipse3", "ellipse in space", 3, 5, false, false, false, false},
 };
 
 const FeatureInfo& info(Feature f) {
@@ -539,6 +544,111 @@ int fit_axis(const PointTable& t, const giUnitVec3coDynArr& normals, FitReport& 
     return kExitOk;
 }
 
+// The torus: its centre, the unit axis (largest component positive), the
+// radius of the tube's centre circle and the tube's radius; the residuals
+// are the distances from the tube (of the touched surface when probed).
+int fit_torus(const Options& o, const PointTable& t, FitReport& r) {
+    const giPoint3coDynArr pts = points3(t);
+    giPoint3 c;
+    giUnitVec3 u;
+    double major = 0.0, minor = 0.0, error = 0.0;
+    doublecoDynArr radii;
+    if (o.probed) {
+        radii = probe_radii(o, t.rows());
+        if (!tsLeastSquareEvaluator::evaluate_probed_torus(pts, radii, o.inside ? 1 : 0, c, u,
+                                                           major, minor, error))
+            return kExitRefused;
+    } else if (!tsLeastSquareEvaluator::evaluate_torus(pts, c, u, major, minor, error)) {
+        return kExitRefused;
+    }
+    const mlVector p = {c.x(), c.y(), c.z(), u.x(), u.y(), u.z(), major, minor};
+    std::vector<double> res;
+    if (o.probed) {
+        tsLeastSquareProbedTorus model(pts, radii, o.inside ? 1 : 0);
+        res = model_residuals(model, p);
+    } else {
+        tsLeastSquareTorus model(pts);
+        res = model_residuals(model, p);
+    }
+    r.parameters = {{"centre", point_xyz(c)},
+                    {"axis", vec_xyz(u)},
+                    {"major_radius", {major}},
+                    {"minor_radius", {minor}}};
+    r.rms = error;
+    r.form_deviation = spread(res);
+    // As for the sphere: the plain measure on the probe centres, whose tube
+    // is the touched one widened (outside) or narrowed (inside) by the ball.
+    const double centres_tube =
+        o.probed ? minor + (o.inside ? -o.probe_radius : o.probe_radius) : minor;
+    r.distribution_quality = tsLeastSquareDistributionQuality::distribution_quality_torus(
+        pts, c, u, major, centres_tube);
+    return kExitOk;
+}
+
+// The ellipse in the plane: centre, semi-axes and the angle of the major
+// axis from the x axis in degrees, [0, 180); the residuals are the
+// orthogonal distances, positive outside.
+int fit_ellipse2(const PointTable& t, FitReport& r) {
+    const giPoint2coDynArr pts = points2(t);
+    giPoint2 c;
+    double a = 0.0, b = 0.0, angle = 0.0, error = 0.0;
+    if (!tsLeastSquareEvaluator::evaluate_ellipse(pts, c, a, b, angle, error)) return kExitRefused;
+    tsLeastSquareEllipse2 model(pts);
+    const std::vector<double> res =
+        model_residuals(model, tsLeastSquareEllipse2::parameters_of(c, a, b, angle));
+    r.parameters = {{"centre", point_xy(c)},
+                    {"semi_major", {a}},
+                    {"semi_minor", {b}},
+                    {"angle", {giAngle(giANGLE_RADIANS, angle).degrees()}}};
+    r.rms = error;
+    r.form_deviation = spread(res);
+    r.distribution_quality =
+        tsLeastSquareDistributionQuality::distribution_quality_ellipse(pts, c, a, b, angle);
+    return kExitOk;
+}
+
+// The ellipse in space: in the least-squares plane of the points. Reports
+// the centre, the plane's normal (largest component positive), the unit
+// major axis (sense not meaningful) and the semi-axes; a residual is the
+// distance in space from the ellipse, signed by the side within the plane.
+int fit_ellipse3(const PointTable& t, FitReport& r) {
+    const giPoint3coDynArr pts = points3(t);
+    giPoint3 o;
+    giUnitVec3 n;
+    double plane_error = 0.0;
+    if (!tsLeastSquareEvaluator::evaluate_plane(pts, o, n, plane_error)) return kExitRefused;
+    n = largest_component_positive(n);
+    const giUnitVec3 x = n.any_normal();
+    const giUnitVec3 y(cross(n, x));
+    giPoint3 c;
+    giUnitVec3 major;
+    double a = 0.0, b = 0.0, error = 0.0;
+    if (!tsLeastSquareEvaluator::evaluate_ellipse2(o, x, y, pts, c, major, a, b, error))
+        return kExitRefused;
+    const giUnitVec3 minor(cross(n, major));
+    std::vector<double> res;
+    for (const giPoint3& q : pts) {
+        const giVector3 v = q - c;
+        double fx = 0.0, fy = 0.0;
+        const double d =
+            tsLeastSquareEllipse2::foot_point(a, b, dot(v, major), dot(v, minor), fx, fy);
+        res.push_back(std::copysign(std::hypot(d, dot(v, n)), d));
+    }
+    // The plane's 2D frame for the distribution measure.
+    giPoint2coDynArr flat;
+    for (const giPoint3& q : pts) flat.append(giPoint2(dot(q - c, major), dot(q - c, minor)));
+    r.parameters = {{"centre", point_xyz(c)},
+                    {"normal", vec_xyz(n)},
+                    {"major_axis", vec_xyz(major)},
+                    {"semi_major", {a}},
+                    {"semi_minor", {b}}};
+    r.rms = error;
+    r.form_deviation = spread(res);
+    r.distribution_quality = tsLeastSquareDistributionQuality::distribution_quality_ellipse(
+        flat, giPoint2(0.0, 0.0), a, b, 0.0);
+    return kExitOk;
+}
+
 // "a" or "an" before the word.
 std::string article(const std::string& word) {
     return word.find_first_of("aeiou") == 0 ? "an" : "a";
@@ -606,17 +716,20 @@ Features, and the numbers each data line holds:
   cone      cone                         x y z
   axis      axis of a surface of         x y z nx ny nz
             revolution
+  torus     torus                        x y z
+  ellipse2  ellipse in the plane         x y
+  ellipse3  ellipse in space             x y z
 
 Options:
   --probe-radius R   the points are centres of a probe ball of radius R that
                      touched the feature (sphere, circle2, cylinder, cone,
-                     plane, line2); the feature reported is the touched
+                     torus, plane, line2); the feature reported is the touched
                      surface. A probed cone is searched for from the ball
                      centres themselves: they lie on a cone of the same axis.
-  --inside           with --probe-radius, for sphere, circle2, cylinder and
-                     cone: the ball touched from inside (a bore, a hollow
-                     sphere, a countersink); without it, from outside (a
-                     shaft, a ball, a tapered pin).
+  --inside           with --probe-radius, for sphere, circle2, cylinder, cone
+                     and torus: the ball touched from inside (a bore, a hollow
+                     sphere, a countersink, a toroidal groove's tube); without
+                     it, from outside (a shaft, a ball, a tapered pin).
   --normals FILE     cylinder, cone: a second file with the surface normal at
                      each point, "nx ny nz" per line in the order of the
                      points (same format; any length but zero). The fitted
@@ -667,14 +780,22 @@ Reported figures:
             positive.
   half_angle  a cone's half opening angle, between axis and surface, in
             degrees.
+  centre    for a torus: its centre on the axis (the axis with its largest
+            component positive; major_radius that of the tube's centre
+            circle, minor_radius the tube's). For an ellipse: its centre,
+            semi_major and semi_minor its semi-axes; ellipse2 gives the angle
+            of the major axis from x in degrees, [0, 180); ellipse3 lies in
+            the least-squares plane of the points (normal, largest component
+            positive) and gives its unit major_axis.
   rms       root mean square of the orthogonal distances of the points.
             For an axis: of the distances by which the normal lines of the
             points miss the axis (0 when every one meets it). An axis
             reports no form nor quality.
   form      largest minus smallest signed residual: positive outside a
-            circle, sphere, cylinder or cone, on the normal's side of a
-            plane or line2, and towards the probe for probed fits. circle3
-            signs its distances in space by the radial side. A line in space
+            circle, sphere, cylinder, cone, torus or ellipse, on the
+            normal's side of a plane or line2, and towards the probe for
+            probed fits. circle3 and ellipse3 sign their distances in space
+            by the side within the plane. A line in space
             has unsigned distances: its form is twice the largest (the
             diameter of the enclosing zone).
   quality   how well the points pin the feature down, about 1 at best: a
@@ -951,6 +1072,15 @@ int fit_table(const Options& o, const PointTable& t, const PointTable& normals, 
             break;
         case Feature::axis:
             status = fit_axis(t, d3, r);
+            break;
+        case Feature::torus:
+            status = fit_torus(o, t, r);
+            break;
+        case Feature::ellipse2:
+            status = fit_ellipse2(t, r);
+            break;
+        case Feature::ellipse3:
+            status = fit_ellipse3(t, r);
             break;
     }
     if (status == kExitRefused) {

@@ -23,7 +23,20 @@ constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 
-enum class Feature { line2, line3, plane, circle2, circle3, sphere, cylinder, cone, axis };
+enum class Feature {
+    line2,
+    line3,
+    plane,
+    circle2,
+    circle3,
+    sphere,
+    cylinder,
+    cone,
+    axis,
+    torus,
+    ellipse2,
+    ellipse3
+};
 
 // The angle the axis and surface directions of a cylinder or cone may
 // deviate by from --axis and --normals when --angle is not given.
