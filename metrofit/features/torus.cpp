@@ -4,6 +4,7 @@
 #include <cmath>
 #include <vector>
 
+#include "metrofit/features/axial_common.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/frame/input_checks.h"
 #include "metrofit/platform/maths/least_squares.h"
@@ -301,16 +302,7 @@ void tsLeastSquareTorus::set_parameters(const mlVector& p) {
 }
 
 void tsLeastSquareTorus::normalize_parameters(mlVector& p) const {
-    if (p.size() != kParameters) return;
-    const double length = std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5]);
-    if (length > 0.0) {
-        p[3] /= length;
-        p[4] /= length;
-        p[5] /= length;
-    } else {
-        p[3] = 1.0;
-        p[4] = p[5] = 0.0;
-    }
+    if (p.size() == kParameters) ts_unit_axis(p);
 }
 
 void tsLeastSquareTorus::parameter_scales(mlVector& s) const {

@@ -30,27 +30,6 @@ bool direction_value(const std::string& value, double out[3]) {
     return true;
 }
 
-// One field as a finite number, with the point file's messages.
-bool finite_field(const std::string& field, double& value, std::string& error) {
-    std::vector<double> one;
-    if (parse_point_line(field, one, error) != 1) return false;
-    value = one[0];
-    return true;
-}
-
-// A limit: a finite number, or an open end written "-", "-inf" (lower) or
-// "inf" (upper). An infinity at the wrong end would empty the band.
-bool limit_field(const std::string& field, bool upper, bool& open, double& value,
-                 std::string& error) {
-    open = field == "-" || (upper ? field == "inf" || field == "+inf" : field == "-inf");
-    if (open) return true;
-    if (field == "inf" || field == "+inf" || field == "-inf") {
-        error = std::string(upper ? "the upper" : "the lower") + " limit cannot be '" + field + "'";
-        return false;
-    }
-    return finite_field(field, value, error);
-}
-
 // Parses the fields of one data line into an entry, or says why not.
 bool parse_entry(const std::vector<std::string>& fields, AlignEntry& e, std::string& error) {
     e = AlignEntry();
@@ -69,7 +48,7 @@ bool parse_entry(const std::vector<std::string>& fields, AlignEntry& e, std::str
     }
     double v[9];
     for (std::size_t k = 0; k < 9; ++k)
-        if (!finite_field(fields[first + k], v[k], error)) return false;
+        if (!number_field(fields[first + k], v[k], error)) return false;
     std::copy(v, v + 3, e.measured);
     std::copy(v + 3, v + 6, e.nominal);
     const double length = std::hypot(std::hypot(v[6], v[7]), v[8]);
@@ -89,7 +68,7 @@ bool parse_entry(const std::vector<std::string>& fields, AlignEntry& e, std::str
         }
     }
     if (count == 12) {
-        if (!finite_field(fields[11], e.weight, error)) return false;
+        if (!number_field(fields[11], e.weight, error)) return false;
         if (!(e.weight > 0.0)) {
             error = "the weight must be above 0, not " + formatted_number(e.weight, "%.10g");
             return false;

@@ -656,6 +656,27 @@ std::string article(const std::string& word) {
 
 }  // namespace
 
+bool number_field(const std::string& field, double& value, std::string& error) {
+    std::vector<double> one;
+    if (parse_point_line(field, one, error) != 1 || one.size() != 1) {
+        if (error.empty()) error = "not a number: '" + field + "'";
+        return false;
+    }
+    value = one[0];
+    return true;
+}
+
+bool limit_field(const std::string& field, bool upper, bool& open, double& value,
+                 std::string& error) {
+    open = field == "-" || (upper ? field == "inf" || field == "+inf" : field == "-inf");
+    if (open) return true;
+    if (field == "inf" || field == "+inf" || field == "-inf") {
+        error = std::string(upper ? "the upper" : "the lower") + " limit cannot be '" + field + "'";
+        return false;
+    }
+    return number_field(field, value, error);
+}
+
 std::string json_number(double v) {
     if (!std::isfinite(v)) return "null";
     return number(v, "%.17g");

@@ -118,6 +118,16 @@ bool valued_option(const std::vector<std::string>& args, std::size_t& i, const s
 // anything else.
 std::vector<double> option_numbers(const std::string& value);
 
+// One field of a data line as a finite number, with the point file's
+// messages; false with the reason in `error`.
+bool number_field(const std::string& field, double& value, std::string& error);
+
+// A tolerance limit: a finite number, or an open end written "-", "-inf"
+// (lower) or "inf" (upper); `open` says which. An infinity at the wrong end
+// would empty the band and is refused.
+bool limit_field(const std::string& field, bool upper, bool& open, double& value,
+                 std::string& error);
+
 // v printed with a printf format of one double.
 std::string formatted_number(double v, const char* format);
 

@@ -24,17 +24,6 @@ bool is_flag(const std::string& a) {
     return a == "-h" || a == "--help" || a == "--version" || a == "--json";
 }
 
-// One field as a finite number, with the point file's messages.
-bool number_field(const std::string& field, double& value, std::string& error) {
-    std::vector<double> one;
-    if (parse_point_line(field, one, error) != 1 || one.size() != 1) {
-        if (error.empty()) error = "not a number: '" + field + "'";
-        return false;
-    }
-    value = one[0];
-    return true;
-}
-
 bool number_fields(const std::vector<std::string>& fields, std::size_t first, std::size_t count,
                    double* out, std::string& error) {
     for (std::size_t k = 0; k < count; ++k)
@@ -48,19 +37,6 @@ bool unit(const double v[3], double out[3]) {
     if (!(length > 0.0) || !std::isfinite(length)) return false;
     for (int k = 0; k < 3; ++k) out[k] = v[k] / length;
     return true;
-}
-
-// A limit: a finite number, or an open end written "-", "-inf" (lower) or
-// "inf" (upper). An infinity at the wrong end would empty the band.
-bool limit_field(const std::string& field, bool upper, bool& open, double& value,
-                 std::string& error) {
-    open = field == "-" || (upper ? field == "inf" || field == "+inf" : field == "-inf");
-    if (open) return true;
-    if (field == "inf" || field == "+inf" || field == "-inf") {
-        error = std::string(upper ? "the upper" : "the lower") + " limit cannot be '" + field + "'";
-        return false;
-    }
-    return number_field(field, value, error);
 }
 
 bool count_error(const std::string& keyword, const std::string& counts, const std::string& columns,
