@@ -17,11 +17,6 @@ constexpr int kMaxSteps = 10000;
 
 const char* kColumns = "mx my mz qx qy qz nx ny nz [lower upper [weight]]";
 
-bool is_flag(const std::string& a) {
-    return a == "-h" || a == "--help" || a == "--version" || a == "--json" ||
-           a == "--lock-rotations";
-}
-
 // Three finite numbers of non-zero length, as an option value.
 bool direction_value(const std::string& value, double out[3]) {
     const std::vector<double> v = option_numbers(value);
@@ -137,9 +132,7 @@ void name_constraints(const std::vector<AlignEntry>& entries, AlignReport& r) {
 }  // namespace
 
 bool is_align_command(const std::vector<std::string>& args) {
-    for (const std::string& a : args)
-        if (!is_flag(a)) return a == "align";
-    return false;
+    return command_is(args, "align", {"--lock-rotations"});
 }
 
 int parse_align_options(const std::vector<std::string>& args, AlignOptions& o, std::string& error) {

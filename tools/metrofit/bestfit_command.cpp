@@ -17,11 +17,6 @@ namespace {
 // triangles keeps its exact normal.
 const giAngle kFlatAngle(giANGLE_RADIANS, 1e-9);
 
-bool is_flag(const std::string& a) {
-    return a == "-h" || a == "--help" || a == "--version" || a == "--json" ||
-           a == "--lock-rotations";
-}
-
 // Exactly `count` finite numbers as an option value, optionally of
 // non-zero length.
 bool numbers_value(const std::string& value, std::size_t count, bool nonzero, double* out) {
@@ -69,9 +64,7 @@ giVector3 vector(const double v[3]) { return giVector3(v[0], v[1], v[2]); }
 }  // namespace
 
 bool is_bestfit_command(const std::vector<std::string>& args) {
-    for (const std::string& a : args)
-        if (!is_flag(a)) return a == "bestfit";
-    return false;
+    return command_is(args, "bestfit", {"--lock-rotations"});
 }
 
 int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& o,

@@ -656,6 +656,16 @@ std::string article(const std::string& word) {
 
 }  // namespace
 
+bool command_is(const std::vector<std::string>& args, const std::string& name,
+                std::initializer_list<const char*> other_flags) {
+    for (const std::string& a : args) {
+        bool flag = a == "-h" || a == "--help" || a == "--version" || a == "--json";
+        for (const char* f : other_flags) flag = flag || a == f;
+        if (!flag) return a == name;
+    }
+    return false;
+}
+
 bool number_field(const std::string& field, double& value, std::string& error) {
     std::vector<double> one;
     if (parse_point_line(field, one, error) != 1 || one.size() != 1) {

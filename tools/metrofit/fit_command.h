@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <initializer_list>
 #include <istream>
 #include <ostream>
 #include <string>
@@ -130,6 +131,11 @@ bool limit_field(const std::string& field, bool upper, bool& open, double& value
 
 // v printed with a printf format of one double.
 std::string formatted_number(double v, const char* format);
+
+// Whether the arguments run the command `name`: the first of them that is
+// not -h, --help, --version, --json or one of `other_flags` is `name`.
+bool command_is(const std::vector<std::string>& args, const std::string& name,
+                std::initializer_list<const char*> other_flags = {});
 
 // The flags every command takes: -h/--help, --version and --json. Returns
 // true (setting the flag) when `a` is one of them.

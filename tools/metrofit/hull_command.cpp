@@ -9,10 +9,6 @@ namespace metrofit_tool {
 
 namespace {
 
-bool is_flag(const std::string& a) {
-    return a == "-h" || a == "--help" || a == "--version" || a == "--json";
-}
-
 // Coordinates for people: 15 significant digits give back every decimal
 // of up to 15 digits as it was written, so the vertices read as in the file.
 std::string coordinate(double v) {
@@ -37,11 +33,7 @@ const char* position_name(tsRelativePosition p) {
 
 }  // namespace
 
-bool is_hull_command(const std::vector<std::string>& args) {
-    for (const std::string& a : args)
-        if (!is_flag(a)) return a == "hull";
-    return false;
-}
+bool is_hull_command(const std::vector<std::string>& args) { return command_is(args, "hull"); }
 
 int parse_hull_options(const std::vector<std::string>& args, HullOptions& o, std::string& error) {
     o = HullOptions();

@@ -17,10 +17,6 @@ const char* const kAffineNames[] = {
     "full", "xy", "scale", "scale-translate", "xy-scale", "xy-scale-xyz-translate", "x", "y", "z"};
 constexpr int kAffineTypes = sizeof kAffineNames / sizeof kAffineNames[0];
 
-bool is_flag(const std::string& a) {
-    return a == "-h" || a == "--help" || a == "--version" || a == "--json";
-}
-
 // The residuals of T on the pairs, with their rms and maximum; false when
 // one is not finite. `apply` maps a measured point (dimension coordinates).
 template <class Apply>
@@ -125,11 +121,7 @@ int affine(const MatchPairs& p, int type, MatchReport& r, std::string& message) 
 
 }  // namespace
 
-bool is_match_command(const std::vector<std::string>& args) {
-    for (const std::string& a : args)
-        if (!is_flag(a)) return a == "match";
-    return false;
-}
+bool is_match_command(const std::vector<std::string>& args) { return command_is(args, "match"); }
 
 int parse_match_options(const std::vector<std::string>& args, MatchOptions& o, std::string& error) {
     o = MatchOptions();

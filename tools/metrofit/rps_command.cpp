@@ -20,10 +20,6 @@ constexpr int kMaxIterations = 10000;
 const char* kKeywords =
     "surface, probe-radius, tolerance, iterations, overconstrained, position, point and balance";
 
-bool is_flag(const std::string& a) {
-    return a == "-h" || a == "--help" || a == "--version" || a == "--json";
-}
-
 bool number_fields(const std::vector<std::string>& fields, std::size_t first, std::size_t count,
                    double* out, std::string& error) {
     for (std::size_t k = 0; k < count; ++k)
@@ -281,11 +277,7 @@ std::string cell(double v) { return std::isnan(v) ? "-" : formatted_number(v, "%
 
 }  // namespace
 
-bool is_rps_command(const std::vector<std::string>& args) {
-    for (const std::string& a : args)
-        if (!is_flag(a)) return a == "rps";
-    return false;
-}
+bool is_rps_command(const std::vector<std::string>& args) { return command_is(args, "rps"); }
 
 int parse_rps_options(const std::vector<std::string>& args, RpsOptions& o, std::string& error) {
     o = RpsOptions();
