@@ -1,0 +1,138 @@
+// tsSurfaceMaximin: the rigid transform that maximises the smallest signed
+// deviation of probed points from a nominal surface.
+//
+// Objective. With d_i(T) the signed deviation of point i under the
+// transform T (measured -> nominal; positive on the side the probe came
+// from, as tsProjectedPoint3 gives it) and lower_i its lower limit (0 by
+// default), the fit seeks
+//     T* = argmax_T  margin(T),   margin(T) = min_i (d_i(T) - lower_i),
+// the pose that leaves the most stock on the point that has the least (the
+// machining allowance of a raw casting: positive everywhere and as even as
+// the worst point allows). A per-point lower limit asks for that much more
+// stock at the point; the margin is then the smallest excess over the
+// limits. It is the minimax of the tolerance-band excess of the
+// points-to-planes alignment with one-sided bands [lower_i + m, +inf):
+// maximising m is minimising the largest lower_i - d_i.
+//
+// Iteration. Like tsSurfaceBestfit, an outer loop re-projects every moved
+// point onto the nominal object through the projector (fit points and
+// projectors dispatch doubly, so any point type and nominal object serve)
+// and takes each valid projection as a tangent plane. The step linearises
+// the motion about the centroid c of the valid points: translation t and
+// rotation vector w, in units of the rms radius L of the points about c
+// (so the columns are alike wherever the part lies), d_i changes by
+//     g_i . x = n_i . t + w . ((p_i - c) x n_i),
+// and the step solves the linear programme of the minimax in those units,
+//     maximise m  subject to  (d_i - lower_i) / L + g_i . x >= m,
+//     |x_j| <= D (the trust region),
+// with the convex quadratic minimiser of the alignment's constrained steps
+// (minimise 1/2 mu |(x, m)|^2 - m, mu = 1e-3: the small proximal term
+// makes the solution unique, takes no motion along directions that do not
+// raise the margin, and vanishes at a fixed point, where the conditions are
+// exactly those of the maximin: the gradients of the points that hold the
+// margin enclose 0). The step moves the points by the exact rigid motion
+// (rotation by |w| about w through c, then the shift). The moved points are
+// re-projected; the step is kept when the margin has not dropped and no
+// point stopped projecting, and D doubles (at most 1) when the step was cut
+// by it; a step that is not kept is undone and D shrinks fourfold.
+//
+// Stopping rules, every one bounded:
+// - converged: a kept step moved no valid point by `tolerance` or more, or
+//   the programme found no step at all;
+// - iteration limit: 100 steps, kept or not;
+// - stalled: D fell below 1e-12 without a kept step (the linearisation no
+//   longer predicts the surface: a kink of the nominal, for instance).
+// Each fit starts from the identity: points that need a rough pre-alignment
+// must be given already moved (or fitted first by tsSurfaceBestfit).
+//
+// Locks: lock_rotations(a[, b, c]) forbids every rotation and lets the
+// points shift only in the span of the given vectors (an unset vector, x
+// = -DBL_MAX, is skipped; parallel ones add nothing).
+//
+// Statuses (tsSurfaceMaximinStatus). Above 0 the outputs are written, at or
+// below 0 nothing is:
+//   1 converged, 2 iteration limit, 3 stalled: the pose reached, its margin
+//     and the holding points: those whose excess lies within
+//     max(tolerance, 1e-9 L) of the margin;
+//   0 no points; -1 no projector; -2 no point projects under the identity;
+//   -3 bad input (a tolerance that is negative or not finite);
+//   -4 unbounded: at the start a motion raises every deviation at once (the
+//     points do not enclose the part, e.g. all of them on one face), so the
+//     margin has no maximum.
+// add_point refuses (returns 0, stores nothing) a null point and a lower
+// limit that is not finite.
+//
+// Determinism: no randomness; the same input gives bit-identical output.
+#pragma once
+
+#include "metrofit/bestfit/fit_points.h"
+#include "metrofit/platform/containers/dyn_arr.h"
+#include "metrofit/platform/containers/page_arr.h"
+#include "metrofit/platform/geometry/arrays.h"
+#include "metrofit/platform/geometry/xform.h"
+
+enum tsSurfaceMaximinStatus {
+    tsSURFACE_MAXIMIN_UNBOUNDED = -4,
+    tsSURFACE_MAXIMIN_BAD_INPUT = -3,
+    tsSURFACE_MAXIMIN_NO_PROJECTION = -2,
+    tsSURFACE_MAXIMIN_NO_PROJECTOR = -1,
+    tsSURFACE_MAXIMIN_NO_POINTS = 0,
+    tsSURFACE_MAXIMIN_CONVERGED = 1,
+    tsSURFACE_MAXIMIN_ITERATION_LIMIT = 2,
+    tsSURFACE_MAXIMIN_STALLED = 3
+};
+
+class tsSurfaceMaximin {
+   public:
+    static const int MAX_ITERATIONS;  // 100
+
+    tsSurfaceMaximin();
+
+    // Not owned; must outlive the fit.
+    void set_projector(const tsFitPointProjector3* projector) { projector_ = projector; }
+    void reserve_points(int n);
+    // Lower limit 0: the plain stock.
+    int add_point(const tsFitPoint3coPrf& p) { return add_point(p, 0.0); }
+    int add_point(const tsFitPoint3coPrf& p, double lower_limit);
+    void lock_rotations(const giVector3& a, const giVector3& b, const giVector3& c);
+
+    // The fit (see above). xform: measured -> nominal; margin: the smallest
+    // d_i - lower_i over the points that project; holding: the indices of
+    // the points within the holding tolerance of it, ascending;
+    // n_unprojected: the points that do not project under xform.
+    int fit(double tolerance, giXform3& xform, double& margin, intcoDynArr& holding,
+            int& n_unprojected);
+
+    int nb_points() const { return points_.size(); }
+    const tsFitPoint3coPrf& point(int i) const { return points_.read(i); }
+    double lower_limit(int i) const { return lower_limits_.read(i); }
+    // The projections under the transform of the last fit (under the
+    // identity before any).
+    const tsProjectedPoint3coDynArr& get_pointcloud() const { return projected_; }
+    const giXform3& get_transformation() const { return transformation_; }
+    int iterations() const { return iterations_; }
+
+   protected:
+    // Projects every point under xform into out (initial projections under
+    // the identity).
+    void project_all(const giXform3& xform, tsProjectedPoint3coDynArr& out) const;
+
+   private:
+    struct Linearisation;
+    void linearise(const tsProjectedPoint3coDynArr& pts, Linearisation& lin) const;
+    // Solves the trust-region programme; step receives the rigid motion,
+    // hit_box whether a bound of D was active, gain the predicted rise of the
+    // margin. Returns 0 when the minimiser refuses.
+    int solve_step(const Linearisation& lin, double radius, giXform3& step, int& hit_box,
+                   double& gain) const;
+    double margin_of(const tsProjectedPoint3coDynArr& pts, int& n_valid) const;
+
+    tsFitPoint3PtrcoPageArr points_;
+    doublecoPageArr lower_limits_;
+    giVector3coDynArr shift_axes_;  // orthonormal; rotation locked when any
+    int rotations_locked_ = 0;
+    const tsFitPointProjector3* projector_ = nullptr;
+    tsProjectedPoint3coDynArr projected_;
+    giXform3 transformation_ = giXform3(giIdentity);
+    int iterations_ = 0;
+};
