@@ -1,0 +1,317 @@
+#include "metrofit/bestfit/scaled_bestfit.h"
+
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+
+#include "metrofit/bestfit/points_to_points.h"
+
+namespace {
+
+using Matrix7 = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, 0, 7, 7>;
+using Vector7 = Eigen::Matrix<double, Eigen::Dynamic, 1, 0, 7, 1>;
+
+// Eigenvalues of the conditioned normal matrix at most this fraction of the
+// largest leave their direction undetermined.
+constexpr double kNullRatio = 1e-10;
+// The scale counts as undetermined when its unit direction reaches into the
+// undetermined directions by more than this (squared length of the part).
+constexpr double kScaleInNull = 1e-6;
+
+bool finite(const giPoint3& p) {
+    return std::isfinite(p.x()) && std::isfinite(p.y()) && std::isfinite(p.z()) &&
+           std::fabs(p.x()) < DBL_MAX && std::fabs(p.y()) < DBL_MAX && std::fabs(p.z()) < DBL_MAX;
+}
+
+bool finite(const giXform3& x) {
+    if (!x.is_set()) return false;
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 4; ++c)
+            if (!std::isfinite(x(r, c))) return false;
+    return true;
+}
+
+// p -> centre + k (p - centre).
+giXform3 scaling_about(const giPoint3& centre, double k) {
+    const giVector3 c = centre - giPoint3(0.0, 0.0, 0.0);
+    return giXform3::translation(c) * giXform3::scaling(k, k, k) * giXform3::translation(c * -1.0);
+}
+
+}  // namespace
+
+void tsScaledSurfaceBestfit::reserve_points(int n) {
+    points_.reserve(n);
+    weights_.reserve(n);
+}
+
+void tsScaledSurfaceBestfit::add_point(const tsFitPoint3coPrf& p, double weight) {
+    if (!std::isfinite(weight) || weight < 0.0) bad_input_ = true;
+    if (!(weight > 0.0) || !std::isfinite(weight)) return;
+    points_.append(p);
+    weights_.append(weight);
+}
+
+void tsScaledSurfaceBestfit::add_pair(const giPoint3& measured, const giPoint3& nominal) {
+    if (!finite(measured) || !finite(nominal)) {
+        bad_input_ = true;
+        return;
+    }
+    pairs_measured_.append(measured);
+    pairs_nominal_.append(nominal);
+}
+
+void tsScaledSurfaceBestfit::fix_scale(double scale) {
+    scale_fixed_ = true;
+    fixed_scale_ = scale;
+}
+
+void tsScaledSurfaceBestfit::lock_rotations(const giVector3& a, const giVector3& b,
+                                            const giVector3& c) {
+    rotations_locked_ = true;
+    shift_axes_.clear(0);
+    for (const giVector3* v : {&a, &b, &c}) {
+        if (v->x() == -DBL_MAX) continue;  // unset: no shift along it
+        const double length = v->length();
+        if (length > 0.0 && std::isfinite(length)) shift_axes_.append(*v * (1.0 / length));
+    }
+}
+
+giXform3 tsScaledSurfaceBestfit::get_rigid_part() const {
+    if (!transformation_.is_set() || !(scale_ > 0.0)) return giXform3();
+    giXform3 rigid = transformation_;
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 3; ++c) rigid(r, c) /= scale_;
+    rigid.set_shift(giVector3(0, 0, 0));
+    // u = (1 - s) R c + t.
+    const giVector3 rc = rigid * centre_ - giPoint3(0.0, 0.0, 0.0);
+    rigid.set_shift(transformation_.shift() - rc * (1.0 - scale_));
+    return rigid;
+}
+
+int tsScaledSurfaceBestfit::rough_start(giXform3& start, double& scale) const {
+    const double s0 = scale_fixed_ ? fixed_scale_ : 1.0;
+    const int n = pairs_measured_.size();
+    if (n == 0) {
+        start = scaling_about(centre_, s0);
+        scale = s0;
+        return tsSCALED_BESTFIT_CONVERGED;
+    }
+    if (n < 3) return tsSCALED_BESTFIT_TOO_FEW_PAIRS;
+    tsPointsToPoints match;
+    for (int i = 0; i < n; ++i) match.add_pair(pairs_measured_[i], pairs_nominal_[i]);
+    giXform3 rigid;
+    if (!match.get_xform(rigid)) return tsSCALED_BESTFIT_DEGENERATE_PAIRS;
+
+    // Spreads about the centroids, each relative to its first point.
+    giVector3 sum_a(0, 0, 0), sum_b(0, 0, 0);
+    for (int i = 0; i < n; ++i) {
+        sum_a = sum_a + (pairs_measured_[i] - pairs_measured_[0]);
+        sum_b = sum_b + (pairs_nominal_[i] - pairs_nominal_[0]);
+    }
+    const giPoint3 mean_a = pairs_measured_[0] + sum_a * (1.0 / n);
+    const giPoint3 mean_b = pairs_nominal_[0] + sum_b * (1.0 / n);
+    double spread_a = 0.0, spread_b = 0.0;
+    for (int i = 0; i < n; ++i) {
+        spread_a += (pairs_measured_[i] - mean_a).length_squared();
+        spread_b += (pairs_nominal_[i] - mean_b).length_squared();
+    }
+    if (!(spread_a > 0.0) || !(spread_b > 0.0)) return tsSCALED_BESTFIT_DEGENERATE_PAIRS;
+    scale = scale_fixed_ ? fixed_scale_ : std::sqrt(spread_b / spread_a);
+
+    // Linear part s R (R = I with rotations locked); the centroids match.
+    start = rigid;
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 3; ++c)
+            start(r, c) = scale * (rotations_locked_ ? (r == c ? 1.0 : 0.0) : rigid(r, c));
+    start.set_shift(giVector3(0, 0, 0));
+    giVector3 shift = mean_b - start * mean_a;
+    if (rotations_locked_) {
+        // x -> c + s (x - c) + t with t the part along the permitted axes of
+        // what carries the centroids onto each other.
+        const giVector3 c = centre_ - giPoint3(0.0, 0.0, 0.0);
+        shift = shift - c * (1.0 - scale);
+        giVector3 kept(0, 0, 0);
+        const int k = shift_axes_.size();
+        Eigen::Matrix3d gram = Eigen::Matrix3d::Identity();
+        Eigen::Vector3d rhs = Eigen::Vector3d::Zero();
+        for (int i = 0; i < k; ++i) {
+            rhs[i] = dot(shift_axes_[i], shift);
+            for (int j = 0; j < k; ++j) gram(i, j) = dot(shift_axes_[i], shift_axes_[j]);
+        }
+        const Eigen::Vector3d alpha = gram.completeOrthogonalDecomposition().solve(rhs);
+        for (int i = 0; i < k; ++i) kept = kept + shift_axes_[i] * alpha[i];
+        shift = kept + c * (1.0 - scale);
+    }
+    start.set_shift(shift);
+    return finite(start) ? tsSCALED_BESTFIT_CONVERGED : tsSCALED_BESTFIT_DEGENERATE_PAIRS;
+}
+
+void tsScaledSurfaceBestfit::project(const giXform3& xform) {
+    const int n = points_.size();
+    projected_.clear(0);
+    projected_.expand(n);
+    for (int i = 0; i < n; ++i) projected_[i] = tsProjectedPoint3();
+    if (!projector_) return;
+    projector_->project_batch([this](int i) -> const tsFitPoint3& { return *points_.read(i); },
+                              [this](int i) -> tsProjectedPoint3& { return projected_[i]; }, n, 0,
+                              xform);
+}
+
+int tsScaledSurfaceBestfit::linear_step(const giXform3& current, giXform3& step,
+                                        double& log_scale) {
+    const int n = points_.size();
+    // Weighted centroid and RMS radius of the moved points that projected.
+    double total = 0.0;
+    giVector3 sum(0, 0, 0);
+    int first = -1;
+    for (int i = 0; i < n; ++i) {
+        if (projected_[i].invalid()) continue;
+        if (first < 0) first = i;
+        total += weights_[i];
+        sum = sum +
+              (projected_[i].measured_point() - projected_[first].measured_point()) * weights_[i];
+    }
+    if (first < 0) return tsSCALED_BESTFIT_NONE_PROJECTING;
+    const giPoint3 g = projected_[first].measured_point() + sum * (1.0 / total);
+    double spread = 0.0;
+    for (int i = 0; i < n; ++i)
+        if (!projected_[i].invalid())
+            spread += weights_[i] * (projected_[i].measured_point() - g).length_squared();
+    const double L = std::sqrt(spread / total);
+    if (!(L > 0.0) || !std::isfinite(L)) return tsSCALED_BESTFIT_SINGULAR;
+
+    // With restricted shifts the scale acts about the moved centre, which
+    // the shift lock refers to; otherwise about g, which keeps the scale's
+    // column apart from the shifts' (same map, better conditioned).
+    const giPoint3 scale_origin = rotations_locked_ ? current * centre_ : g;
+
+    // Reduced unknowns: the columns of the full row (w L, tau, sigma L) kept.
+    // basis maps the reduced unknowns onto the full seven.
+    const int n_shift = rotations_locked_ ? shift_axes_.size() : 3;
+    const int m = (rotations_locked_ ? 0 : 3) + n_shift + (scale_fixed_ ? 0 : 1);
+    if (m == 0) return tsSCALED_BESTFIT_SINGULAR;
+    Eigen::Matrix<double, 7, Eigen::Dynamic, 0, 7, 7> basis =
+        Eigen::Matrix<double, 7, Eigen::Dynamic, 0, 7, 7>::Zero(7, m);
+    int col = 0;
+    if (!rotations_locked_)
+        for (int k = 0; k < 3; ++k) basis(k, col++) = 1.0;
+    for (int k = 0; k < n_shift; ++k, ++col)
+        for (int j = 0; j < 3; ++j)
+            basis(3 + j, col) = rotations_locked_ ? shift_axes_[k][j] : (j == k ? 1.0 : 0.0);
+    const int scale_column = scale_fixed_ ? -1 : col;
+    if (!scale_fixed_) basis(6, col++) = 1.0;
+
+    Matrix7 normal = Matrix7::Zero(m, m);
+    Vector7 rhs = Vector7::Zero(m);
+    for (int i = 0; i < n; ++i) {
+        const tsProjectedPoint3& p = projected_[i];
+        if (p.invalid()) continue;
+        const giVector3 r = p.measured_point() - g;
+        const giVector3& nv = p.nominal_normal();
+        const giVector3 rxn = cross(r, nv);
+        Eigen::Matrix<double, 7, 1> full;
+        full << rxn.x() / L, rxn.y() / L, rxn.z() / L, nv.x(), nv.y(), nv.z(),
+            dot(nv, p.measured_point() - scale_origin) / L;
+        const Vector7 row = basis.transpose() * full;
+        normal.noalias() += weights_[i] * row * row.transpose();
+        rhs.noalias() -= weights_[i] * p.signed_distance() * row;
+    }
+    if (!normal.allFinite() || !rhs.allFinite()) return tsSCALED_BESTFIT_SINGULAR;
+
+    Eigen::SelfAdjointEigenSolver<Matrix7> eigen(normal);
+    if (eigen.info() != Eigen::Success) return tsSCALED_BESTFIT_SINGULAR;
+    const Vector7& values = eigen.eigenvalues();  // ascending
+    const Matrix7& vectors = eigen.eigenvectors();
+    const double largest = values[m - 1];
+    if (!(largest > 0.0)) return tsSCALED_BESTFIT_SINGULAR;
+    Vector7 x = Vector7::Zero(m);
+    double scale_in_null = 0.0;
+    n_undetermined_ = 0;
+    for (int k = 0; k < m; ++k) {
+        if (values[k] <= kNullRatio * largest) {
+            ++n_undetermined_;
+            if (scale_column >= 0)
+                scale_in_null += vectors(scale_column, k) * vectors(scale_column, k);
+            continue;
+        }
+        x += vectors.col(k) * (vectors.col(k).dot(rhs) / values[k]);
+    }
+    if (scale_in_null > kScaleInNull) return tsSCALED_BESTFIT_SCALE_UNDETERMINED;
+
+    const Eigen::Matrix<double, 7, 1> full = basis * x;
+    const giVector3 w(full[0] / L, full[1] / L, full[2] / L);
+    const giVector3 tau(full[3], full[4], full[5]);
+    log_scale = full[6] / L;
+    const double angle = w.length();
+    step = scaling_about(scale_origin, std::exp(log_scale));
+    if (angle > 0.0) step.premultiply(giXform3::rotation(g, w, giAngle(giANGLE_RADIANS, angle)));
+    step.premultiply(giXform3::translation(tau));
+    return finite(step) ? tsSCALED_BESTFIT_CONVERGED : tsSCALED_BESTFIT_SINGULAR;
+}
+
+void tsScaledSurfaceBestfit::record_statistics() {
+    max_distance_ = max_signed_ = min_signed_ = 0.0;
+    n_unprojected_ = 0;
+    double squares = 0.0;
+    int valid = 0;
+    for (const tsProjectedPoint3& p : projected_) {
+        if (p.invalid()) {
+            ++n_unprojected_;
+            continue;
+        }
+        ++valid;
+        const double d = p.signed_distance();
+        max_distance_ = std::max(max_distance_, static_cast<double>(p.distance()));
+        max_signed_ = std::max(max_signed_, d);
+        min_signed_ = std::min(min_signed_, d);
+        squares += d * d;
+    }
+    rms_ = valid > 0 ? std::sqrt(squares / valid) : 0.0;
+}
+
+int tsScaledSurfaceBestfit::fit(double tolerance, giXform3& xform, double& scale) {
+    if (bad_input_ || !(tolerance >= 0.0) || !std::isfinite(tolerance) || !finite(centre_) ||
+        (scale_fixed_ && !(fixed_scale_ > 0.0 && std::isfinite(fixed_scale_))))
+        return tsSCALED_BESTFIT_BAD_INPUT;
+    if (points_.size() == 0) return tsSCALED_BESTFIT_NO_POINTS;
+    if (!projector_) return tsSCALED_BESTFIT_NONE_PROJECTING;
+
+    giXform3 current;
+    double s = 1.0;
+    const int started = rough_start(current, s);
+    if (started <= 0) return started;
+    const double s_start = s;
+
+    int status = tsSCALED_BESTFIT_ITERATION_LIMIT;
+    iterations_ = 0;
+    project(current);
+    for (int iteration = 0; iteration < max_iterations_; ++iteration) {
+        giXform3 step;
+        double log_scale = 0.0;
+        const int stepped = linear_step(current, step, log_scale);
+        if (stepped <= 0) return stepped;
+        current.premultiply(step);
+        s *= std::exp(log_scale);
+        iterations_ = iteration + 1;
+        if (!finite(current) || !(s >= 1e-3 * s_start && s <= 1e3 * s_start))
+            return tsSCALED_BESTFIT_DIVERGED;
+        double movement = 0.0;
+        for (const tsProjectedPoint3& p : projected_)
+            if (!p.invalid())
+                movement =
+                    std::max(movement, (step * p.measured_point() - p.measured_point()).length());
+        project(current);
+        if (movement < tolerance) {
+            status = tsSCALED_BESTFIT_CONVERGED;
+            break;
+        }
+    }
+    record_statistics();
+    if (n_unprojected_ == points_.size()) return tsSCALED_BESTFIT_NONE_PROJECTING;
+    transformation_ = current;
+    scale_ = scale_fixed_ ? fixed_scale_ : s;
+    xform = transformation_;
+    scale = scale_;
+    return status;
+}
