@@ -68,6 +68,12 @@ demo: build
 	@echo "== metrofit bestfit --surface examples/bestfit_part.stl examples/bestfit.txt"
 	@$(BUILD)/tools/metrofit/metrofit bestfit --surface examples/bestfit_part.stl examples/bestfit.txt
 	@echo
+	@echo "== metrofit bestfit2d --contour examples/bestfit2d_contour.txt examples/bestfit2d.txt"
+	@$(BUILD)/tools/metrofit/metrofit bestfit2d --contour examples/bestfit2d_contour.txt examples/bestfit2d.txt
+	@echo
+	@echo "== metrofit maximin --surface examples/bestfit_part.stl examples/maximin.txt"
+	@$(BUILD)/tools/metrofit/metrofit maximin --surface examples/bestfit_part.stl examples/maximin.txt
+	@echo
 	@echo "== metrofit match examples/match.txt"
 	@$(BUILD)/tools/metrofit/metrofit match examples/match.txt
 	@echo

@@ -182,10 +182,53 @@ TEST(BestfitCommand, ReportShapeAndSigns) {
         EXPECT_NE(h.out.find(label), std::string::npos) << label;
 }
 
+// A scale of 1.002 (and 0.995) about the box centre with a turn and a shift:
+// recovered exactly, with and without a far-off start mended by pairs.
+TEST(BestfitCommand, ScaleRecoversAKnownScaleAndTakesPairs) {
+    const std::string stl = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
+    const giPoint3 c(20, 15, 10);
+    const giVector3 cv = c - giPoint3(0, 0, 0);
+    for (const double s : {1.002, 0.995}) {
+        for (const double degrees : {0.4, 30.0}) {
+            // measured = motion * nominal; the fit maps measured onto nominal.
+            const giXform3 motion =
+                giXform3(giVector3(0.2, -0.1, degrees / 2)) *
+                giXform3::rotation(c, giVector3(1, 2, -2), giAngle(giANGLE_DEGREES, degrees)) *
+                giXform3(cv) * giXform3::scaling(1 / s, 1 / s, 1 / s) * giXform3(cv * -1.0);
+            std::vector<giPoint3> feet;
+            const std::string input = rows(giVector3(0, 0, 0), motion, feet);
+            std::ostringstream pairs;
+            pairs.precision(17);
+            for (const giPoint3& q : {giPoint3(0, 0, 0), giPoint3(40, 0, 0), giPoint3(0, 30, 20)}) {
+                const giPoint3 m = motion * q;
+                pairs << m.x() << " " << m.y() << " " << m.z() << " " << q.x() << " " << q.y()
+                      << " " << q.z() << "\n";
+            }
+            std::vector<std::string> args = {"-",       "--surface",      stl,
+                                             "--scale", "--scale-centre", "20,15,10",
+                                             "--json",  "--probe-radius", "1"};
+            if (degrees > 1) args.insert(args.end(), {"--pairs", temp_file("p.txt", pairs.str())});
+            const Outcome r = run(args, input);
+            ASSERT_EQ(r.status, kExitOk) << r.err;
+            EXPECT_NEAR(json(r.out, "scale").at(0), s, 1e-9);
+            EXPECT_EQ(json(r.out, "scale_centre"), (std::vector<double>{20, 15, 10}));
+            const giXform3 T = transform(r.out);
+            for (const giPoint3& p : feet) EXPECT_LT((T * (motion * p) - p).length(), 1e-6);
+        }
+    }
+    std::vector<giPoint3> feet;
+    const Outcome h = run({"-", "--surface", stl, "--scale", "--probe-radius=1"},
+                          rows(giVector3(0, 0, 0), giXform3(giIdentity), feet));
+    EXPECT_NE(h.out.find("scale           1\n"), std::string::npos) << h.out;
+    EXPECT_NE(h.out.find("scale centre    0 0 0\n"), std::string::npos) << h.out;
+}
+
 TEST(BestfitCommand, RefusesBadSurfacesRowsAndArguments) {
     const std::string box = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
     const std::string empty = temp_file("empty.stl", "");
     const std::string cut = temp_file("cut.stl", "solid x\nfacet normal 0 0 1\nouter loop\n");
+    const std::string two = temp_file("two.txt", "0 0 0 0 0 0\n1 0 0 1 0 0\n");
+    const std::string bad = temp_file("bad.txt", "0 0 0 0 0 0\n1 0 0 1 0\n");
     const struct {
         std::vector<std::string> args;
         const char* input;
@@ -211,6 +254,21 @@ TEST(BestfitCommand, RefusesBadSurfacesRowsAndArguments) {
          "exclude"},
         {{"-", "--surface", box, "--tolerance", "-1"}, "", kExitUsage, "at least 0"},
         {{"-", "--surface", box, "--steps", "3"}, "", kExitUsage, "unknown option '--steps'"},
+        {{"-", "--surface", box, "--scale-centre", "1,2"}, "", kExitUsage, "three finite"},
+        {{"-", "--surface", box, "--pairs", two}, "", kExitUsage, "go with --scale"},
+        {{"-", "--surface", box, "--scale", "--band", "0,1"}, "", kExitUsage, "not --lock-origin"},
+        {{"-", "--surface", box, "--scale", "--pairs", bad},
+         "1 1 0\n",
+         kExitUsage,
+         "line 2: expected 6 numbers"},
+        {{"-", "--surface", box, "--scale", "--pairs", two},
+         "1 1 0\n",
+         kExitRefused,
+         "at least 3 pairs"},
+        {{"-", "--surface", box, "--scale"},
+         "1 1 0\n2 1 0\n1 3 0\n",
+         kExitRefused,
+         "do not determine a scale"},
     };
     for (const auto& c : cases) {
         const Outcome r = run(c.args, c.input);

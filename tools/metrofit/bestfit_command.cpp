@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include "metrofit/bestfit/scaled_bestfit.h"
 #include "metrofit/bestfit/surface_bestfit.h"
 #include "tools/metrofit/fit_command.h"
 
@@ -59,12 +60,31 @@ bool parse_row(const std::vector<double>& row, BestfitPoint& p, std::string& err
 }
 
 giPoint3 point(const double p[3]) { return giPoint3(p[0], p[1], p[2]); }
+
+// Why a scaled fit failed, for its status.
+std::string scaled_failure(int status) {
+    switch (status) {
+        case tsSCALED_BESTFIT_NONE_PROJECTING:
+            return "no point projects onto the surface";
+        case tsSCALED_BESTFIT_SCALE_UNDETERMINED:
+            return "the points do not determine a scale (a single plane, for example); fit "
+                   "without --scale";
+        case tsSCALED_BESTFIT_TOO_FEW_PAIRS:
+            return "the rough start needs at least 3 pairs";
+        case tsSCALED_BESTFIT_DEGENERATE_PAIRS:
+            return "the pairs lie on one line or coincide: they fix no start";
+        case tsSCALED_BESTFIT_DIVERGED:
+            return "the scaled fit diverged; give --pairs for a start";
+        default:
+            return "the points determine no motion (they coincide)";
+    }
+}
 giVector3 vector(const double v[3]) { return giVector3(v[0], v[1], v[2]); }
 
 }  // namespace
 
 bool is_bestfit_command(const std::vector<std::string>& args) {
-    return command_is(args, "bestfit", {"--lock-rotations"});
+    return command_is(args, "bestfit", {"--lock-rotations", "--scale"});
 }
 
 int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& o,
@@ -72,12 +92,24 @@ int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& 
     o = BestfitOptions();
     std::vector<std::string> positional;
     bool surface_given = false, tolerance_given = false, radius_given = false;
+    bool pairs_given = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         std::string value;
         if (common_flag(a, o.help, o.version, o.json)) continue;
         if (a == "--lock-rotations") {
             o.lock_rotations = true;
+        } else if (a == "--scale") {
+            o.scale = true;
+        } else if (valued_option(args, i, "--scale-centre", o.scale_centre_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            if (!numbers_value(value, 3, false, o.scale_centre)) {
+                error = "--scale-centre needs three finite numbers X,Y,Z, not '" + value + "'";
+                return kExitUsage;
+            }
+        } else if (valued_option(args, i, "--pairs", pairs_given, value, error)) {
+            if (!error.empty()) return kExitUsage;
+            o.pairs = value;
         } else if (valued_option(args, i, "--surface", surface_given, value, error)) {
             if (!error.empty()) return kExitUsage;
             o.surface = value;
@@ -116,9 +148,11 @@ int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& 
             o.band_lower = band[0];
             o.band_upper = band[1];
         } else if (a.size() > 1 && a[0] == '-') {
-            error = "unknown option '" + a +
-                    "' for bestfit (it takes --surface, --probe-radius, --tolerance, "
-                    "--lock-rotations, --lock-origin, --lock-axis, --band and --json)";
+            error =
+                "unknown option '" + a +
+                "' for bestfit (it takes --surface, --probe-radius, --tolerance, "
+                "--lock-rotations, --lock-origin, --lock-axis, --band, --scale, --scale-centre, "
+                "--pairs and --json)";
             return kExitUsage;
         } else {
             positional.push_back(a);
@@ -134,7 +168,43 @@ int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& 
         error = "--lock-rotations, --lock-origin and --lock-axis exclude each other";
         return kExitUsage;
     }
+    if ((o.scale_centre_given || pairs_given) && !o.scale) {
+        error = "--scale-centre and --pairs go with --scale";
+        return kExitUsage;
+    }
+    if (o.scale && (o.lock_origin || o.lock_axis || o.band)) {
+        error = "--scale takes --lock-rotations but not --lock-origin, --lock-axis or --band";
+        return kExitUsage;
+    }
     return kExitOk;
+}
+
+bool read_bestfit_pairs(std::istream& in, std::vector<BestfitPair>& pairs, std::string& error) {
+    pairs.clear();
+    std::string line, message;
+    std::vector<double> row;
+    for (int number = 1; std::getline(in, line); ++number) {
+        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
+        const int status = parse_point_line(line, row, message);
+        if (status == 0) continue;
+        if (status > 0 && row.size() != 6)
+            message = "expected 6 numbers (mx my mz nx ny nz), found " + std::to_string(row.size());
+        if (status < 0 || row.size() != 6) {
+            error = "line " + std::to_string(number) + ": " + message;
+            return false;
+        }
+        BestfitPair p;
+        for (int k = 0; k < 3; ++k) {
+            p.measured[k] = row[k];
+            p.nominal[k] = row[3 + k];
+        }
+        pairs.push_back(p);
+    }
+    if (in.bad()) {
+        error = "cannot read the file";
+        return false;
+    }
+    return true;
 }
 
 bool read_bestfit_points(std::istream& in, std::vector<BestfitPoint>& points, std::string& error) {
@@ -163,6 +233,12 @@ bool read_bestfit_points(std::istream& in, std::vector<BestfitPoint>& points, st
 int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,
                    const std::vector<BestfitPoint>& points, BestfitReport& r,
                    std::string& message) {
+    return bestfit_points(o, surface, points, {}, r, message);
+}
+
+int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,
+                   const std::vector<BestfitPoint>& points, const std::vector<BestfitPair>& pairs,
+                   BestfitReport& r, std::string& message) {
     r = BestfitReport();
     r.points = static_cast<int>(points.size());
     if (points.empty()) {
@@ -173,6 +249,9 @@ int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,
     tsSurfaceBestfit fit;
     fit.set_projector(&projector);
     fit.reserve_points(r.points);
+    tsScaledSurfaceBestfit scaled;
+    scaled.set_projector(&projector);
+    if (o.scale) scaled.reserve_points(r.points);
     srkSurfPointList feet;
     for (const BestfitPoint& p : points) {
         const giPoint3 at = point(p.position);
@@ -189,8 +268,34 @@ int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,
             normal = surface.normal_at(feet[0], kFlatAngle);
         }
         const double radius = p.has_radius ? p.radius : p.has_normal ? o.probe_radius : 0.0;
-        fit.add_point(tsFitPoint3coPrf(new tsProbedPoint3(at, normal, radius)),
-                      o.band ? o.band_lower : -DBL_MAX, o.band ? o.band_upper : DBL_MAX, 1.0);
+        const tsFitPoint3coPrf probed(new tsProbedPoint3(at, normal, radius));
+        if (o.scale)
+            scaled.add_point(probed);
+        else
+            fit.add_point(probed, o.band ? o.band_lower : -DBL_MAX, o.band ? o.band_upper : DBL_MAX,
+                          1.0);
+    }
+    if (o.scale) {
+        for (const BestfitPair& p : pairs) scaled.add_pair(point(p.measured), point(p.nominal));
+        scaled.set_scale_centre(point(o.scale_centre));
+        if (o.lock_rotations)
+            scaled.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
+        giXform3 T;
+        const int status = scaled.fit(o.tolerance, T, r.scale);
+        if (status <= 0) {
+            message = scaled_failure(status);
+            return kExitRefused;
+        }
+        r.scaled = true;
+        for (int k = 0; k < 3; ++k) r.scale_centre[k] = o.scale_centre[k];
+        r.max_distance = scaled.max_distance();
+        r.max_signed = scaled.max_signed_distance();
+        r.min_signed = scaled.min_signed_distance();
+        r.unprojected = scaled.n_unprojected();
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 4; ++j) r.transform[i][j] = T(i, j);
+        r.transform[3][3] = 1.0;
+        return kExitOk;
     }
     if (o.lock_rotations)
         fit.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
@@ -224,6 +329,13 @@ std::string format_bestfit_human(const BestfitReport& r) {
     s += "max distance    " + formatted_number(r.max_distance, "%.6g") + "\n";
     s += "unprojected     " + std::to_string(r.unprojected) + "\n";
     s += "overdetermined  " + std::to_string(r.overdetermined) + "\n";
+    if (r.scaled) {
+        s += "scale           " + formatted_number(r.scale, "%.12g") + "\n";
+        s += "scale centre    ";
+        for (int k = 0; k < 3; ++k)
+            s += (k ? " " : "") + formatted_number(r.scale_centre[k], "%.12g");
+        s += "\n";
+    }
     return s;
 }
 
@@ -238,13 +350,19 @@ std::string format_bestfit_json(const BestfitReport& r) {
            ", \"min_signed_deviation\": " + json_number(r.min_signed) +
            ", \"max_distance\": " + json_number(r.max_distance) +
            ", \"unprojected\": " + std::to_string(r.unprojected) +
-           ", \"overdetermined\": " + std::to_string(r.overdetermined) + "}\n";
+           ", \"overdetermined\": " + std::to_string(r.overdetermined) +
+           (r.scaled ? ", \"scale\": " + json_number(r.scale) + ", \"scale_centre\": [" +
+                           json_number(r.scale_centre[0]) + ", " + json_number(r.scale_centre[1]) +
+                           ", " + json_number(r.scale_centre[2]) + "]"
+                     : std::string()) +
+           "}\n";
 }
 
 std::string bestfit_usage_text() {
     return R"(Usage: metrofit bestfit --surface FILE.stl <points> [--probe-radius R]
                         [--tolerance T] [--lock-rotations | --lock-origin X,Y,Z |
-                        --lock-axis AX,AY,AZ] [--band LO,HI] [--json]
+                        --lock-axis AX,AY,AZ] [--band LO,HI]
+                        [--scale [--scale-centre X,Y,Z] [--pairs FILE]] [--json]
 
 bestfit: the rigid motion (rotation and shift) that carries measured points
 onto a nominal surface, a triangle mesh read from an STL file (binary or
@@ -279,6 +397,15 @@ Options:
                        keeps the deviations inside it where it can rather than
                        minimising their squares; limits that conflict with the
                        others are dropped and counted.
+  --scale              fit a uniform scale s as well (an unknown scanner
+                       scale, shrinkage, thermal expansion): measured x goes
+                       to R (c + s (x - c)) + t. Takes --lock-rotations, not
+                       the other locks nor --band. A surface that does not
+                       fix a scale (a single plane) is refused.
+  --scale-centre X,Y,Z the centre c of the scale (default 0,0,0).
+  --pairs FILE         rows "mx my mz nx ny nz": measured points and their
+                       nominal partners (at least 3, not on one line) for a
+                       rough start, when the points lie far from place.
   --json               print one JSON object instead of the text report.
   -h, --help           print this help and exit.
 
@@ -289,11 +416,14 @@ and the largest distance to the partner point; the count of points that do
 not project (no foot point of the surface along the probing side); the count
 of band limits dropped as conflicting. --json: {"points", "transform":
 [[4 numbers] x 4], "max_signed_deviation", "min_signed_deviation",
-"max_distance", "unprojected", "overdetermined"}.
+"max_distance", "unprojected", "overdetermined"}; with --scale the text
+adds "scale" and "scale centre" lines and the JSON "scale" and
+"scale_centre": [3 numbers]; the transform's linear part is then s R.
 
 Exit status: 0 fitted; 1 a surface file the STL reader refuses (its message
-says why), no points, or no point that projects; 2 a usage error or a bad
-points file (the message names the line).
+says why), no points, no point that projects, or a scaled fit that fails (a
+scale the points do not fix, too few pairs or pairs on one line); 2 a usage
+error or a bad points or pairs file (the message names the line).
 )";
 }
 
@@ -317,8 +447,15 @@ int run_bestfit(const std::vector<std::string>& args, std::istream& in, std::ost
         err << "metrofit: " << o.surface << ": " << error << "\n";
         return kExitRefused;
     }
+    std::vector<BestfitPair> pairs;
+    if (!o.pairs.empty() &&
+        !read_input_file(
+            o.pairs, in,
+            [&](std::istream& s, std::string& why) { return read_bestfit_pairs(s, pairs, why); },
+            err))
+        return kExitUsage;
     BestfitReport report;
-    const int status = bestfit_points(o, surface, points, report, error);
+    const int status = bestfit_points(o, surface, points, pairs, report, error);
     if (status != kExitOk) {
         err << "metrofit: " << o.file << ": " << error << "\n";
         return status;

@@ -1,6 +1,6 @@
-// `metrofit bestfit`: the rigid motion that carries measured points onto a
-// nominal surface given as a triangle mesh (an STL file), in the
-// least-squares sense.
+// `metrofit bestfit`: the rigid motion (with --scale, and a uniform scale)
+// that carries measured points onto a nominal surface given as a triangle
+// mesh (an STL file), in the least-squares sense.
 //
 // A point row is either
 //   x y z nx ny nz [r]  a probe-ball centre, the approximate surface normal
@@ -18,8 +18,8 @@
 //
 // run_bestfit() is the whole command, with its streams passed in as for
 // run_metrofit(). Exit status: 0 done, 1 a surface file the STL reader
-// refuses, no points, or no point that projects onto the surface, 2 a usage
-// error or a bad points file.
+// refuses, no points, no point that projects onto the surface, or a scaled
+// fit (--scale) that fails, 2 a usage error or a bad points or pairs file.
 #pragma once
 
 #include <istream>
@@ -51,11 +51,20 @@ struct BestfitOptions {
     // --band LO,HI: the tolerance band of every point's signed deviation.
     bool band = false;
     double band_lower = 0.0, band_upper = 0.0;
+    // --scale: a uniform scale about the centre is fitted too (with
+    // --lock-rotations or alone; not with the other locks or --band).
+    bool scale = false;
+    // --scale-centre X,Y,Z: the centre of the scale (default the origin).
+    bool scale_centre_given = false;
+    double scale_centre[3] = {0, 0, 0};
+    // --pairs FILE: rows "mx my mz nx ny nz", a measured point and its
+    // nominal partner, for the rough start (at least 3, not on one line).
+    std::string pairs;
 };
 
 // Whether the arguments run the bestfit command: the first of them that is
-// not one of the flags -h, --help, --version, --json or --lock-rotations is
-// "bestfit".
+// not one of the flags -h, --help, --version, --json, --lock-rotations or
+// --scale is "bestfit".
 bool is_bestfit_command(const std::vector<std::string>& args);
 
 // Parses the arguments (the word "bestfit" among them). Returns kExitOk, or
@@ -77,6 +86,16 @@ struct BestfitPoint {
 // before it.
 bool read_bestfit_points(std::istream& in, std::vector<BestfitPoint>& points, std::string& error);
 
+// A measured point and its nominal partner, for the rough start.
+struct BestfitPair {
+    double measured[3] = {0, 0, 0};
+    double nominal[3] = {0, 0, 0};
+};
+
+// Reads the pair rows of a file (6 numbers each). On a bad line returns
+// false with "line N: ..." in `error`.
+bool read_bestfit_pairs(std::istream& in, std::vector<BestfitPair>& pairs, std::string& error);
+
 struct BestfitReport {
     int points = 0;
     // measured -> nominal, row by row; the last row is 0 0 0 1.
@@ -88,6 +107,11 @@ struct BestfitReport {
     int unprojected = 0;
     // Band limits the fit dropped as conflicting with the others.
     int overdetermined = 0;
+    // With --scale: the fitted scale s about the centre (the transform's
+    // linear part is s R).
+    bool scaled = false;
+    double scale = 1.0;
+    double scale_centre[3] = {0, 0, 0};
 };
 
 // Fits the points onto the mesh as the options ask. Returns kExitOk with the
@@ -95,6 +119,11 @@ struct BestfitReport {
 int bestfit_points(const BestfitOptions& options, const srkMeshSurf& surface,
                    const std::vector<BestfitPoint>& points, BestfitReport& report,
                    std::string& message);
+// The same with pairs for the rough start of a scaled fit (ignored without
+// --scale).
+int bestfit_points(const BestfitOptions& options, const srkMeshSurf& surface,
+                   const std::vector<BestfitPoint>& points, const std::vector<BestfitPair>& pairs,
+                   BestfitReport& report, std::string& message);
 
 std::string format_bestfit_human(const BestfitReport& report);
 std::string format_bestfit_json(const BestfitReport& report);

@@ -5,15 +5,21 @@
 #include <vector>
 
 #include "tools/metrofit/align_command.h"
+#include "tools/metrofit/bestfit2d_command.h"
 #include "tools/metrofit/bestfit_command.h"
 #include "tools/metrofit/fit_command.h"
 #include "tools/metrofit/match_command.h"
+#include "tools/metrofit/maximin_command.h"
 #include "tools/metrofit/rps_command.h"
 
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (metrofit_tool::is_bestfit_command(args))
         return metrofit_tool::run_bestfit(args, std::cin, std::cout, std::cerr);
+    if (metrofit_tool::is_bestfit2d_command(args))
+        return metrofit_tool::run_bestfit2d(args, std::cin, std::cout, std::cerr);
+    if (metrofit_tool::is_maximin_command(args))
+        return metrofit_tool::run_maximin(args, std::cin, std::cout, std::cerr);
     if (metrofit_tool::is_align_command(args))
         return metrofit_tool::run_align(args, std::cin, std::cout, std::cerr);
     if (metrofit_tool::is_match_command(args))

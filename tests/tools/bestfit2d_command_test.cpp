@@ -1,0 +1,176 @@
+// The bestfit2d command: the sample recovered, a known motion recovered from
+// every kind of row, the per-point report, and bad profiles, rows and
+// arguments.
+#include "tools/metrofit/bestfit2d_command.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "tools/metrofit/fit_command.h"
+
+namespace {
+
+using namespace metrofit_tool;
+
+struct Outcome {
+    int status;
+    std::string out, err;
+};
+
+Outcome run(std::vector<std::string> args, const std::string& input = "") {
+    args.insert(args.begin(), "bestfit2d");
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    const int status = run_bestfit2d(args, in, out, err);
+    return {status, out.str(), err.str()};
+}
+
+std::string temp_file(const std::string& name, const std::string& content) {
+    const std::string path = ::testing::TempDir() + "metrofit_bestfit2d_" +
+                             ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
+                             std::to_string(::getpid()) + "_" + name;
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+}
+
+// A square 20 x 20 written clockwise (normals outside) with one rounded
+// corner of radius 5 about (15, 15).
+const char* kSquare =
+    "line 0 0 0 20\nline 0 20 15 20\narc 15 20 18.5355339059327378 18.5355339059327378 20 15\n"
+    "line 20 15 20 0\nline 20 0 0 0\n";
+
+// Points of the square turned by 2 degrees about the origin and shifted by
+// (0.3, -0.2), in the row form asked for (2 columns: on the profile; 4 or
+// 5: ball centres 1 outside).
+std::string points(int columns) {
+    const double nominal[][4] = {
+        {0, 5, -1, 0},
+        {0, 15, -1, 0},
+        {5, 20, 0, 1},
+        {10, 20, 0, 1},
+        {20, 10, 1, 0},
+        {20, 3, 1, 0},
+        {15, 0, 0, -1},
+        {5, 0, 0, -1},
+        {15 + 5 * std::sqrt(0.5), 15 + 5 * std::sqrt(0.5), std::sqrt(0.5), std::sqrt(0.5)}};
+    const double a = 2.0 * 3.14159265358979323846 / 180.0, c = std::cos(a), s = std::sin(a);
+    std::ostringstream o;
+    o.precision(17);
+    for (const auto& p : nominal) {
+        const double r = columns == 2 ? 0.0 : 1.0;
+        const double x = p[0] + r * p[2], y = p[1] + r * p[3];
+        o << c * x - s * y + 0.3 << " " << s * x + c * y - 0.2;
+        if (columns >= 4) o << " " << c * p[2] - s * p[3] << " " << s * p[2] + c * p[3];
+        if (columns == 5) o << " 1";
+        o << "\n";
+    }
+    return o.str();
+}
+
+// The numbers of "key" in the JSON report, up to the next key.
+std::vector<double> json(const std::string& text, const std::string& key) {
+    std::vector<double> v;
+    const std::size_t at = text.find("\"" + key + "\": ");
+    if (at == std::string::npos) return v;
+    const std::size_t from = at + key.size() + 4;
+    const std::string value = text.substr(from, text.find("\": ", from) - from);
+    for (const char* p = value.c_str(); *p; ++p) {
+        char* end = nullptr;
+        const double x = std::strtod(p, &end);
+        if (end != p) v.push_back(x), p = end - 1;
+    }
+    return v;
+}
+
+TEST(Bestfit2dCommand, RecoversTheMotionFromEveryRowKind) {
+    const std::string contour = temp_file("square.txt", kSquare);
+    const struct {
+        int columns;
+        std::vector<std::string> extra;
+    } cases[] = {{2, {}}, {4, {"--probe-radius", "1"}}, {5, {}}};
+    const double a = 2.0 * 3.14159265358979323846 / 180.0;
+    for (const auto& k : cases) {
+        std::vector<std::string> args = {"--contour", contour, "-", "--json"};
+        args.insert(args.end(), k.extra.begin(), k.extra.end());
+        const Outcome o = run(args, points(k.columns));
+        ASSERT_EQ(o.status, kExitOk) << k.columns << o.err;
+        const std::vector<double> t = json(o.out, "transform");
+        ASSERT_EQ(t.size(), 9u) << o.out;
+        // The inverse motion: turn by -2 degrees, then undo the shift.
+        EXPECT_NEAR(t[0], std::cos(a), 1e-9) << k.columns;
+        EXPECT_NEAR(t[3], -std::sin(a), 1e-9) << k.columns;
+        EXPECT_NEAR(t[2], -(std::cos(a) * 0.3 + std::sin(a) * -0.2), 1e-8) << k.columns;
+        EXPECT_NEAR(t[5], -(-std::sin(a) * 0.3 + std::cos(a) * -0.2), 1e-8) << k.columns;
+        EXPECT_LT(json(o.out, "max_distance")[0], 1e-8) << k.columns;
+        EXPECT_EQ(json(o.out, "unprojected")[0], 0) << k.columns;
+        // Before the fit the points are off by up to the motion's size.
+        double worst = 0.0;
+        for (double d : json(o.out, "before")) worst = std::max(worst, std::fabs(d));
+        EXPECT_GT(worst, 0.1) << k.columns;
+    }
+}
+
+TEST(Bestfit2dCommand, HumanReportAndLocks) {
+    const std::string contour = temp_file("square.txt", kSquare);
+    const Outcome o = run({"--contour", contour, "-"}, points(2));
+    ASSERT_EQ(o.status, kExitOk) << o.err;
+    for (const char* word :
+         {"transform (measured -> nominal)", "before", "after", "rms", "max deviation"})
+        EXPECT_NE(o.out.find(word), std::string::npos) << word;
+    // The locked corner stays where it is.
+    const Outcome locked =
+        run({"--contour", contour, "-", "--lock-origin", "0,0", "--json"}, points(2));
+    ASSERT_EQ(locked.status, kExitOk) << locked.err;
+    const std::vector<double> t = json(locked.out, "transform");
+    ASSERT_EQ(t.size(), 9u);
+    EXPECT_NEAR(t[2], 0.0, 1e-12);
+    EXPECT_NEAR(t[5], 0.0, 1e-12);
+    // A locked axis leaves no turn.
+    const Outcome slid =
+        run({"--contour", contour, "-", "--lock-axis", "1,0", "--json"}, points(2));
+    ASSERT_EQ(slid.status, kExitOk) << slid.err;
+    EXPECT_NEAR(json(slid.out, "transform")[1], 0.0, 1e-15);
+}
+
+TEST(Bestfit2dCommand, RefusesBadInput) {
+    const std::string contour = temp_file("square.txt", kSquare);
+    const std::string gap = temp_file("gap.txt", "line 0 0 10 0\n# a gap\nline 10.5 0 20 0\n");
+    const std::string bad = temp_file("bad.txt", "line 0 0 10 0\nspline 1 2\n");
+    const std::string open = temp_file("open.txt", "line 0 0 10 0\n");
+    const struct {
+        std::vector<std::string> args;
+        std::string input;
+        int status;
+        const char* message;
+    } cases[] = {
+        {{"-"}, "0 0\n", kExitUsage, "needs the nominal profile"},
+        {{"--contour", contour, "-", "--lock-origin", "0,0", "--lock-axis", "1,0"},
+         "",
+         kExitUsage,
+         "exclude each other"},
+        {{"--contour", contour, "-", "--lock-axis", "0,0"}, "", kExitUsage, "non-zero length"},
+        {{"--contour", contour, "-", "--band", "1,0"}, "", kExitUsage, "LO <= HI"},
+        {{"--contour", contour, "-", "--frobnicate"}, "", kExitUsage, "unknown option"},
+        {{"--contour", gap, "-"}, "0 0\n", kExitUsage, "line 3: the line does not start where"},
+        {{"--contour", bad, "-"}, "0 0\n", kExitUsage, "line 2: unknown element 'spline'"},
+        {{"--contour", "/nonexistent/contour.txt", "-"}, "0 0\n", kExitUsage, "cannot open"},
+        {{"--contour", contour, "-"}, "1 2 3\n", kExitUsage, "line 1: expected 2, 4 or 5"},
+        {{"--contour", contour, "-"}, "1 2 0 0\n", kExitUsage, "line 1: the approximate normal"},
+        {{"--contour", contour, "-"}, "1 2 0 1 -1\n", kExitUsage, "line 1: the probe radius"},
+        {{"--contour", contour, "-"}, "# nothing\n", kExitRefused, "at least one point"},
+        {{"--contour", open, "-"}, "-5 1\n20 1\n", kExitRefused, "no point projects"},
+    };
+    for (const auto& k : cases) {
+        const Outcome o = run(k.args, k.input);
+        EXPECT_EQ(o.status, k.status) << k.message << ": " << o.err;
+        EXPECT_NE(o.err.find(k.message), std::string::npos) << o.err;
+        EXPECT_TRUE(o.out.empty()) << k.message;
+    }
+}
+
+}  // namespace
