@@ -13,21 +13,6 @@ namespace metrofit_tool {
 
 namespace {
 
-bool is_flag(const std::string& a) {
-    return a == "-h" || a == "--help" || a == "--version" || a == "--json";
-}
-
-bool numbers_value(const std::string& value, std::size_t count, bool nonzero, double* out) {
-    const std::vector<double> v = option_numbers(value);
-    if (v.size() != count) return false;
-    double square = 0.0;
-    for (std::size_t k = 0; k < count; ++k) {
-        out[k] = v[k];
-        square += v[k] * v[k];
-    }
-    return !nonzero || square > 0.0;
-}
-
 bool parse_row(const std::vector<double>& row, Bestfit2dPoint& p, std::string& error) {
     p = Bestfit2dPoint();
     const std::size_t n = row.size();
@@ -69,9 +54,7 @@ std::string number_or_dash(double v) {
 }  // namespace
 
 bool is_bestfit2d_command(const std::vector<std::string>& args) {
-    for (const std::string& a : args)
-        if (!is_flag(a)) return a == "bestfit2d";
-    return false;
+    return command_is(args, "bestfit2d");
 }
 
 int parse_bestfit2d_options(const std::vector<std::string>& args, Bestfit2dOptions& o,

@@ -18,19 +18,6 @@ namespace {
 // triangles keeps its exact normal.
 const giAngle kFlatAngle(giANGLE_RADIANS, 1e-9);
 
-// Exactly `count` finite numbers as an option value, optionally of
-// non-zero length.
-bool numbers_value(const std::string& value, std::size_t count, bool nonzero, double* out) {
-    const std::vector<double> v = option_numbers(value);
-    if (v.size() != count) return false;
-    double square = 0.0;
-    for (std::size_t k = 0; k < count; ++k) {
-        out[k] = v[k];
-        square += v[k] * v[k];
-    }
-    return !nonzero || square > 0.0;
-}
-
 // One data row of numbers into a point, or says why not.
 bool parse_row(const std::vector<double>& row, BestfitPoint& p, std::string& error) {
     p = BestfitPoint();

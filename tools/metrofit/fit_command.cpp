@@ -884,6 +884,17 @@ std::vector<double> option_numbers(const std::string& value) {
     return row;
 }
 
+bool numbers_value(const std::string& value, std::size_t count, bool nonzero, double* out) {
+    const std::vector<double> v = option_numbers(value);
+    if (v.size() != count) return false;
+    double square = 0.0;
+    for (std::size_t k = 0; k < count; ++k) {
+        out[k] = v[k];
+        square += v[k] * v[k];
+    }
+    return !nonzero || square > 0.0;
+}
+
 std::string formatted_number(double v, const char* format) {
     char buffer[64];
     std::snprintf(buffer, sizeof buffer, format, v);

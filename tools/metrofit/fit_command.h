@@ -119,6 +119,10 @@ bool valued_option(const std::vector<std::string>& args, std::size_t& i, const s
 // anything else.
 std::vector<double> option_numbers(const std::string& value);
 
+// Exactly `count` numbers of an option value into `out`, of non-zero length
+// when `nonzero` is set; false otherwise.
+bool numbers_value(const std::string& value, std::size_t count, bool nonzero, double* out);
+
 // One field of a data line as a finite number, with the point file's
 // messages; false with the reason in `error`.
 bool number_field(const std::string& field, double& value, std::string& error);

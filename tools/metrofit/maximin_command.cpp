@@ -17,18 +17,6 @@ namespace {
 // a surface point (a 3-column row) is taken.
 const giAngle kFlatAngle(giANGLE_RADIANS, 1e-9);
 
-bool is_flag(const std::string& a) {
-    return a == "-h" || a == "--help" || a == "--version" || a == "--json" ||
-           a == "--lock-rotations" || a == "--lower-column";
-}
-
-bool one_number(const std::string& value, double& out) {
-    const std::vector<double> v = option_numbers(value);
-    if (v.size() != 1) return false;
-    out = v[0];
-    return true;
-}
-
 const char* status_name(int status) {
     switch (status) {
         case tsSURFACE_MAXIMIN_CONVERGED:
@@ -43,9 +31,7 @@ const char* status_name(int status) {
 }  // namespace
 
 bool is_maximin_command(const std::vector<std::string>& args) {
-    for (const std::string& a : args)
-        if (!is_flag(a)) return a == "maximin";
-    return false;
+    return command_is(args, "maximin", {"--lock-rotations", "--lower-column"});
 }
 
 int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& o,
@@ -66,19 +52,19 @@ int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& 
             o.surface = value;
         } else if (valued_option(args, i, "--tolerance", tolerance_given, value, error)) {
             if (!error.empty()) return kExitUsage;
-            if (!one_number(value, o.tolerance) || !(o.tolerance >= 0.0)) {
+            if (!numbers_value(value, 1, false, &o.tolerance) || !(o.tolerance >= 0.0)) {
                 error = "--tolerance needs a finite number at least 0, not '" + value + "'";
                 return kExitUsage;
             }
         } else if (valued_option(args, i, "--probe-radius", radius_given, value, error)) {
             if (!error.empty()) return kExitUsage;
-            if (!one_number(value, o.probe_radius) || !(o.probe_radius >= 0.0)) {
+            if (!numbers_value(value, 1, false, &o.probe_radius) || !(o.probe_radius >= 0.0)) {
                 error = "--probe-radius needs a finite number at least 0, not '" + value + "'";
                 return kExitUsage;
             }
         } else if (valued_option(args, i, "--lower", lower_given, value, error)) {
             if (!error.empty()) return kExitUsage;
-            if (!one_number(value, o.lower)) {
+            if (!numbers_value(value, 1, false, &o.lower)) {
                 error = "--lower needs a finite number, not '" + value + "'";
                 return kExitUsage;
             }
