@@ -79,7 +79,7 @@ void BM_tsSurfaceMaximin_fit(benchmark::State& state) {
     }
     const tsSurfProjectorForFitting3 projector(&e.mesh);
     double margin = 0.0;
-    int status = 0;
+    int status = 0, iterations = 0, levels = 0;
     for (auto _ : state) {
         tsSurfaceMaximin fit;
         fit.set_projector(&projector);
@@ -89,10 +89,14 @@ void BM_tsSurfaceMaximin_fit(benchmark::State& state) {
         intcoDynArr holding;
         int unprojected = 0;
         status = fit.fit(1e-6, T, margin, holding, unprojected);
+        iterations = fit.iterations();
+        levels = fit.levels().size();
         benchmark::DoNotOptimize(T);
     }
     if (status <= 0 || !(margin >= 1.0 - 1e-6)) state.SkipWithError("the fit lost stock");
     state.counters["margin"] = margin;
+    state.counters["iterations"] = iterations;
+    state.counters["levels"] = levels;
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "metrofit/platform/maths/constrained_quadratic.h"
+#include "metrofit/platform/maths/eigen.h"
 #include "metrofit/platform/maths/matrix.h"
 #include "metrofit/platform/maths/vector.h"
 
@@ -14,27 +15,41 @@ namespace {
 
 // Proximal weight of the step's programme, in the units of L.
 const double kProximal = 1e-3;
+// Among the steps that raise the margin alike, the proximal term prefers
+// shifts: a turn costs this many times a shift of the same size in units
+// of L (a turn moves points at second order, a shift does not).
+const double kRotationWeight = 100.0;
 // Largest and smallest trust-region bound (units of L, radians).
 const double kMaxRadius = 1.0;
 const double kMinRadius = 1e-12;
 // Rise of every deviation (units of L per unit motion) above which a motion
 // counts as escaping: the margin then has no maximum.
 const double kEscape = 1e-6;
+// Evening stages at most (each fixes at least one direction of motion, and
+// there are at most six).
+const int kMaxStages = 8;
+// Points at a level beyond this many are all held without the test of
+// which of them bind (a test that costs one small programme each).
+const int kMaxClassified = 256;
 
 bool is_finite(double v) { return std::isfinite(v); }
 
 }  // namespace
 
 // The tangent planes of the valid points about their centroid, in units of
-// the rms radius L: rows g_i (shift part then rotation part) and the scaled
-// excesses e_i = (d_i - lower_i) / L.
+// the rms radius L. A motion is x = B y: B's columns span the motions that
+// leave every held point's deviation unchanged to first order (all of the
+// shift part, 3 or the lock count, and rotation part, 3 or 0, when nothing
+// is held). Rows are the free points' gradients g_i B, excesses their
+// (d_i - lower_i) / L.
 struct tsSurfaceMaximin::Linearisation {
-    int n_vars = 0;  // shift (3 or the lock count) + rotation (3 or 0)
+    int n_full = 0;  // shift + rotation coordinates
+    int n_vars = 0;  // columns of B
     double scale = 1.0;
     giPoint3 centre = giPoint3(0.0, 0.0, 0.0);
-    mlMatrix rows;
-    mlVector excess;
-    double margin = 0.0;  // min e_i * L
+    mlMatrix basis;   // n_full x n_vars
+    mlMatrix rows;    // free points x n_vars
+    mlVector excess;  // free points
 };
 
 tsSurfaceMaximin::tsSurfaceMaximin() = default;
@@ -80,24 +95,33 @@ void tsSurfaceMaximin::project_all(const giXform3& xform, tsProjectedPoint3coDyn
                               xform.is_identity(0.0) ? 1 : 0, xform);
 }
 
-double tsSurfaceMaximin::margin_of(const tsProjectedPoint3coDynArr& pts, int& n_valid) const {
+double tsSurfaceMaximin::margin_of(const tsProjectedPoint3coDynArr& pts,
+                                   const doublecoDynArr& floors, double slack, int& n_valid,
+                                   int& held_kept) const {
     double m = DBL_MAX;
     n_valid = 0;
+    held_kept = 1;
     for (int i = 0; i < pts.size(); ++i) {
         if (pts[i].invalid()) continue;
         ++n_valid;
-        m = std::min(m, pts[i].signed_distance() - lower_limits_.read(i));
+        const double e = pts[i].signed_distance() - lower_limits_.read(i);
+        if (floors[i] == -DBL_MAX)
+            m = std::min(m, e);
+        else if (e < floors[i] - slack)
+            held_kept = 0;
     }
     return m;
 }
 
-void tsSurfaceMaximin::linearise(const tsProjectedPoint3coDynArr& pts, Linearisation& lin) const {
+void tsSurfaceMaximin::linearise(const tsProjectedPoint3coDynArr& pts, const doublecoDynArr& floors,
+                                 Linearisation& lin) const {
     double c[3] = {0, 0, 0};
-    int n_valid = 0;
-    for (const tsProjectedPoint3& p : pts) {
-        if (p.invalid()) continue;
-        for (int k = 0; k < 3; ++k) c[k] += p.measured_point()[k];
+    int n_valid = 0, n_free = 0;
+    for (int i = 0; i < pts.size(); ++i) {
+        if (pts[i].invalid()) continue;
+        for (int k = 0; k < 3; ++k) c[k] += pts[i].measured_point()[k];
         ++n_valid;
+        n_free += floors[i] == -DBL_MAX;
     }
     for (double& v : c) v /= std::max(1, n_valid);
     lin.centre = giPoint3(c[0], c[1], c[2]);
@@ -109,34 +133,71 @@ void tsSurfaceMaximin::linearise(const tsProjectedPoint3coDynArr& pts, Linearisa
     lin.scale = rms > 0.0 ? rms : 1.0;
 
     const int n_shift = rotations_locked_ ? shift_axes_.size() : 3;
-    const int n_rot = rotations_locked_ ? 0 : 3;
-    lin.n_vars = n_shift + n_rot;
-    lin.rows.become(n_valid, std::max(1, lin.n_vars));
-    lin.excess.become(mlVectorZero, n_valid);
-    lin.margin = DBL_MAX;
+    const int nf = n_shift + (rotations_locked_ ? 0 : 3);
+    lin.n_full = nf;
+    // Full gradient of point i: shift part, then the arm about the centre.
+    auto gradient = [&](const tsProjectedPoint3& p, double* g) {
+        const giVector3 n = p.nominal_normal();
+        for (int k = 0; k < n_shift; ++k) g[k] = rotations_locked_ ? dot(n, shift_axes_[k]) : n[k];
+        if (nf > n_shift) {
+            const giVector3 arm = cross((p.measured_point() - lin.centre) / lin.scale, n);
+            for (int k = 0; k < 3; ++k) g[n_shift + k] = arm[k];
+        }
+    };
+
+    // B: the whole space, or the null space of the held gradients (their
+    // normal matrix's eigenvalues at most 1e-10 of the largest; none above
+    // 0: nothing held counts).
+    double g[6];
+    mlMatrix normal(mlMatrixZero, std::max(1, nf), std::max(1, nf));
+    int n_held = 0;
+    for (int i = 0; i < pts.size(); ++i) {
+        if (pts[i].invalid() || floors[i] == -DBL_MAX) continue;
+        gradient(pts[i], g);
+        for (int r = 0; r < nf; ++r)
+            for (int k = 0; k < nf; ++k) normal(r, k) += g[r] * g[k];
+        ++n_held;
+    }
+    lin.n_vars = nf;
+    lin.basis.become(mlMatrixIdentity, std::max(1, nf));
+    if (n_held > 0 && nf > 0) {
+        mlSymEigenVecs eigen(normal);
+        if (eigen.calculate()) {
+            const double top = eigen.eigen_value(0);
+            int first = nf;
+            while (first > 0 && !(eigen.eigen_value(first - 1) > 1e-10 * top)) --first;
+            lin.n_vars = nf - first;
+            lin.basis.become(mlMatrixZero, nf, std::max(1, lin.n_vars));
+            for (int j = 0; j < lin.n_vars; ++j) {
+                const mlSlice v = eigen.eigen_vector(first + j);
+                for (int k = 0; k < nf; ++k) lin.basis(k, j) = v[k];
+            }
+        } else {
+            lin.n_vars = 0;
+        }
+    }
+
+    lin.rows.become(mlMatrixZero, std::max(1, n_free), std::max(1, lin.n_vars));
+    lin.excess.become(mlVectorZero, n_free);
     int r = 0;
     for (int i = 0; i < pts.size(); ++i) {
-        const tsProjectedPoint3& p = pts[i];
-        if (p.invalid()) continue;
-        const giVector3 n = p.nominal_normal();
+        if (pts[i].invalid() || floors[i] != -DBL_MAX) continue;
+        gradient(pts[i], g);
         double* row = lin.rows.row_data(r);
-        for (int k = 0; k < n_shift; ++k)
-            row[k] = rotations_locked_ ? dot(n, shift_axes_[k]) : n[k];
-        if (n_rot) {
-            const giVector3 arm = cross((p.measured_point() - lin.centre) / lin.scale, n);
-            for (int k = 0; k < 3; ++k) row[n_shift + k] = arm[k];
+        for (int j = 0; j < lin.n_vars; ++j) {
+            double sum = 0.0;
+            for (int k = 0; k < nf; ++k) sum += g[k] * lin.basis(k, j);
+            row[j] = sum;
         }
-        const double e = p.signed_distance() - lower_limits_.read(i);
-        lin.excess[r] = e / lin.scale;
-        lin.margin = std::min(lin.margin, e);
+        lin.excess[r] = (pts[i].signed_distance() - lower_limits_.read(i)) / lin.scale;
         ++r;
     }
 }
 
 int tsSurfaceMaximin::solve_step(const Linearisation& lin, double radius, giXform3& step,
                                  int& hit_box, double& gain) const {
-    const int nv = lin.n_vars, n = nv + 1, m_rows = lin.rows.rows();
-    // Rows C z <= d over z = (x, m): -g_i . x + m <= e_i, then the box.
+    const int nv = lin.n_vars, n = nv + 1, m_rows = lin.excess.size();
+    // Rows C z <= d over z = (y, m): -g_i . y + m <= e_i, then the box.
     mlMatrix C(mlMatrixZero, m_rows + 2 * nv, n);
     mlVector d(mlVectorZero, m_rows + 2 * nv);
     double start_m = DBL_MAX;
@@ -152,8 +213,17 @@ int tsSurfaceMaximin::solve_step(const Linearisation& lin, double radius, giXfor
         C(m_rows + 2 * k + 1, k) = -1.0;
         d[m_rows + 2 * k] = d[m_rows + 2 * k + 1] = radius;
     }
-    mlMatrix M(mlMatrixIdentity, n);
-    for (int k = 0; k < n; ++k) M(k, k) = kProximal;
+    // Proximal metric: rotations weigh kRotationWeight times shifts.
+    const int n_shift = rotations_locked_ ? shift_axes_.size() : 3;
+    mlMatrix M(mlMatrixZero, n, n);
+    for (int j = 0; j < nv; ++j)
+        for (int l = 0; l < nv; ++l) {
+            double sum = 0.0;
+            for (int k = 0; k < lin.n_full; ++k)
+                sum += (k < n_shift ? 1.0 : kRotationWeight) * lin.basis(k, j) * lin.basis(k, l);
+            M(j, l) = kProximal * sum;
+        }
+    M(nv, nv) = kProximal;
     mlVector V(mlVectorZero, n);
     V[nv] = 1.0;
     mlVector z(mlVectorZero, n);
@@ -165,14 +235,16 @@ int tsSurfaceMaximin::solve_step(const Linearisation& lin, double radius, giXfor
     for (int k = 0; k < nv; ++k) hit_box = hit_box || std::fabs(z[k]) >= radius * (1.0 - 1e-9);
     gain = (z[nv] - start_m) * lin.scale;
 
-    const int n_shift = rotations_locked_ ? shift_axes_.size() : 3;
+    double x[6] = {0, 0, 0, 0, 0, 0};
+    for (int k = 0; k < lin.n_full; ++k)
+        for (int j = 0; j < nv; ++j) x[k] += lin.basis(k, j) * z[j];
     giVector3 t(0.0, 0.0, 0.0);
     for (int k = 0; k < n_shift; ++k)
         t = t + (rotations_locked_ ? shift_axes_[k] : giVector3(k == 0, k == 1, k == 2)) *
-                    (z[k] * lin.scale);
+                    (x[k] * lin.scale);
     step.become(giIdentity);
     if (!rotations_locked_) {
-        const giVector3 w(z[n_shift], z[n_shift + 1], z[n_shift + 2]);
+        const giVector3 w(x[n_shift], x[n_shift + 1], x[n_shift + 2]);
         const double angle = w.length();
         if (angle > 0.0) step = giXform3::rotation(lin.centre, w, giAngle(giANGLE_RADIANS, angle));
     }
@@ -180,18 +252,120 @@ int tsSurfaceMaximin::solve_step(const Linearisation& lin, double radius, giXfor
     return 1;
 }
 
+intcoDynArr tsSurfaceMaximin::binding_rows(const Linearisation& lin,
+                                           const intcoDynArr& at_level) const {
+    const int nv = lin.n_vars, k = at_level.size();
+    if (nv == 0 || k > kMaxClassified) return at_level;
+    // Rows -r_i . y <= 0 (no point at the level drops), then the unit box.
+    mlMatrix C(mlMatrixZero, k + 2 * nv, nv);
+    mlVector d(mlVectorZero, k + 2 * nv);
+    for (int a = 0; a < k; ++a) {
+        const double* g = lin.rows.row_data(at_level[a]);
+        for (int j = 0; j < nv; ++j) C(a, j) = -g[j];
+    }
+    for (int j = 0; j < nv; ++j) {
+        C(k + 2 * j, j) = 1.0;
+        C(k + 2 * j + 1, j) = -1.0;
+        d[k + 2 * j] = d[k + 2 * j + 1] = 1.0;
+    }
+    mlMatrix M(mlMatrixIdentity, nv);
+    for (int j = 0; j < nv; ++j) M(j, j) = kProximal;
+    intcoDynArr released, binding;
+    for (int a = 0; a < k; ++a) released.append(0);
+    for (int a = 0; a < k; ++a) {
+        if (released[a]) continue;
+        // The largest first-order rise of row a that drops no row at the
+        // level; every row that rises with it is released too.
+        mlVector V(mlVectorZero, nv);
+        const double* g = lin.rows.row_data(at_level[a]);
+        for (int j = 0; j < nv; ++j) V[j] = g[j];
+        mlVector y(mlVectorZero, nv);
+        mlConstrainedQuadraticMinimiser qp(C, d, 0);
+        if (!qp.solve(M, V, y)) {
+            binding.append(at_level[a]);
+            continue;
+        }
+        for (int b = a; b < k; ++b) {
+            const double* h = lin.rows.row_data(at_level[b]);
+            double rise = 0.0;
+            for (int j = 0; j < nv; ++j) rise += h[j] * y[j];
+            if (rise > kEscape) released[b] = 1;
+        }
+        if (!released[a]) binding.append(at_level[a]);
+    }
+    return binding;
+}
+
+int tsSurfaceMaximin::climb(double tolerance, double slack, const doublecoDynArr& floors,
+                            giXform3& T, tsProjectedPoint3coDynArr& current, Linearisation& lin) {
+    int n_valid = 0, held_kept = 1;
+    double m = margin_of(current, floors, slack, n_valid, held_kept);
+    double radius = 0.25;
+    tsProjectedPoint3coDynArr trial;
+    for (int iteration = 0; iteration < MAX_ITERATIONS; ++iteration, ++iterations_) {
+        if (lin.n_vars == 0 || lin.excess.size() == 0) return tsSURFACE_MAXIMIN_CONVERGED;
+        giXform3 step;
+        int hit = 0;
+        double gain = 0.0;
+        const int solved = solve_step(lin, radius, step, hit, gain);
+        // No motion raises the smallest free excess beyond the rounding of
+        // the programme, or a step inside the trust region promises less
+        // than the tolerance.
+        if (solved && (!(gain > 1e-12 * lin.scale) || (!hit && gain < tolerance)))
+            return tsSURFACE_MAXIMIN_CONVERGED;
+        int kept = 0;
+        if (solved) {
+            const giXform3 next = step * T;
+            project_all(next, trial);
+            int n_next = 0, held_next = 1;
+            const double m_next = margin_of(trial, floors, slack, n_next, held_next);
+            if (n_next >= n_valid && m_next >= m && held_next) {
+                double moved = 0.0;
+                for (const tsProjectedPoint3& p : current)
+                    if (!p.invalid())
+                        moved = std::max(moved,
+                                         (step * p.measured_point() - p.measured_point()).length());
+                T = next;
+                std::swap(current, trial);
+                m = m_next;
+                n_valid = n_next;
+                kept = 1;
+                if (hit) radius = std::min(kMaxRadius, 2.0 * radius);
+                linearise(current, floors, lin);
+                if (moved < tolerance) {
+                    ++iterations_;
+                    return tsSURFACE_MAXIMIN_CONVERGED;
+                }
+            }
+        }
+        if (!kept) {
+            radius *= 0.25;
+            if (radius < kMinRadius) {
+                ++iterations_;
+                return tsSURFACE_MAXIMIN_STALLED;
+            }
+        }
+    }
+    return tsSURFACE_MAXIMIN_ITERATION_LIMIT;
+}
+
 int tsSurfaceMaximin::fit(double tolerance, giXform3& xform, double& margin, intcoDynArr& holding,
                           int& n_unprojected) {
     iterations_ = 0;
+    levels_.clear(0);
     if (points_.size() == 0) return tsSURFACE_MAXIMIN_NO_POINTS;
     if (!projector_) return tsSURFACE_MAXIMIN_NO_PROJECTOR;
     if (!is_finite(tolerance) || tolerance < 0.0) return tsSURFACE_MAXIMIN_BAD_INPUT;
 
+    const int n = points_.size();
+    doublecoDynArr floors;
+    floors.expand(n);
+    for (int i = 0; i < n; ++i) floors[i] = -DBL_MAX;
     giXform3 T(giIdentity);
     tsProjectedPoint3coDynArr current;
     project_all(T, current);
-    int n_valid = 0;
-    double m = margin_of(current, n_valid);
+    int n_valid = 0, held_kept = 1;
+    margin_of(current, floors, 0.0, n_valid, held_kept);
     if (n_valid == 0) {
         transformation_ = T;
         projected_ = current;
@@ -201,7 +375,7 @@ int tsSurfaceMaximin::fit(double tolerance, giXform3& xform, double& margin, int
     // Escape test: the homogeneous programme (all excesses 0, unit box)
     // finds a motion that raises every deviation when one exists.
     Linearisation lin;
-    linearise(current, lin);
+    linearise(current, floors, lin);
     {
         Linearisation flat = lin;
         for (int i = 0; i < flat.excess.size(); ++i) flat.excess[i] = 0.0;
@@ -215,67 +389,53 @@ int tsSurfaceMaximin::fit(double tolerance, giXform3& xform, double& margin, int
             return tsSURFACE_MAXIMIN_UNBOUNDED;
         }
     }
+    const double hold = std::max(tolerance, 1e-9 * lin.scale);
 
-    int status = tsSURFACE_MAXIMIN_ITERATION_LIMIT;
-    double radius = 0.25;
-    tsProjectedPoint3coDynArr trial;
-    for (; iterations_ < MAX_ITERATIONS; ++iterations_) {
-        if (lin.n_vars == 0) {
-            status = tsSURFACE_MAXIMIN_CONVERGED;
-            break;
+    // The margin, then (when evening) one level after another: the points
+    // within `hold` of the level just reached are held at it, and the next
+    // stage raises the smallest excess of the rest.
+    int status = climb(tolerance, hold, floors, T, current, lin);
+    for (int stage = 0; stage < kMaxStages; ++stage) {
+        const double level = margin_of(current, floors, hold, n_valid, held_kept);
+        if (level == DBL_MAX) break;  // every valid point held
+        levels_.append(level);
+        if (!even_ || stage + 1 == kMaxStages) break;
+        // The free points at the level (lin's rows, in point order) that no
+        // motion keeping the others there can raise are held at it.
+        intcoDynArr at_level, row_point;
+        for (int i = 0; i < n; ++i) {
+            if (current[i].invalid() || floors[i] != -DBL_MAX) continue;
+            if (current[i].signed_distance() - lower_limits_.read(i) - level <= hold)
+                at_level.append(row_point.size());
+            row_point.append(i);
         }
-        giXform3 step;
-        int hit = 0;
-        double gain = 0.0;
-        const int solved = solve_step(lin, radius, step, hit, gain);
-        // No motion raises the margin beyond the rounding of the programme.
-        if (solved && !(gain > 1e-12 * lin.scale)) {
-            status = tsSURFACE_MAXIMIN_CONVERGED;
-            break;
-        }
-        int kept = 0;
-        if (solved) {
-            const giXform3 next = step * T;
-            project_all(next, trial);
-            int n_next = 0;
-            const double m_next = margin_of(trial, n_next);
-            if (n_next >= n_valid && m_next >= m) {
-                double moved = 0.0;
-                for (const tsProjectedPoint3& p : current)
-                    if (!p.invalid())
-                        moved = std::max(moved,
-                                         (step * p.measured_point() - p.measured_point()).length());
-                T = next;
-                std::swap(current, trial);
-                m = m_next;
-                n_valid = n_next;
-                kept = 1;
-                if (hit) radius = std::min(kMaxRadius, 2.0 * radius);
-                if (moved < tolerance) {
-                    ++iterations_;
-                    status = tsSURFACE_MAXIMIN_CONVERGED;
-                    break;
-                }
-                linearise(current, lin);
-            }
-        }
-        if (!kept) {
-            radius *= 0.25;
-            if (radius < kMinRadius) {
-                ++iterations_;
-                status = tsSURFACE_MAXIMIN_STALLED;
-                break;
-            }
-        }
+        for (int r : binding_rows(lin, at_level)) floors[row_point[r]] = level;
+        linearise(current, floors, lin);
+        if (lin.excess.size() == 0 || lin.n_vars == 0) break;
+        // An evening stage keeps every level reached; where it stops (its
+        // own limits) does not change the status of the margin.
+        climb(tolerance, hold, floors, T, current, lin);
+    }
+
+    // The evening stages keep each held point within `hold` of its floor
+    // (their linear steps drop it at second order); a last margin climb from
+    // the evened pose takes the margin back with a motion of that size.
+    if (levels_.size() > 1) {
+        for (int i = 0; i < n; ++i) floors[i] = -DBL_MAX;
+        linearise(current, floors, lin);
+        climb(tolerance, hold, floors, T, current, lin);
     }
 
     transformation_ = T;
     projected_ = current;
+    double m = DBL_MAX;
+    for (int i = 0; i < n; ++i)
+        if (!current[i].invalid())
+            m = std::min(m, current[i].signed_distance() - lower_limits_.read(i));
     // Holding points: within the holding tolerance of the margin.
-    const double hold = std::max(tolerance, 1e-9 * lin.scale);
     holding.clear(0);
     n_unprojected = 0;
-    for (int i = 0; i < current.size(); ++i) {
+    for (int i = 0; i < n; ++i) {
         if (current[i].invalid()) {
             ++n_unprojected;
             continue;

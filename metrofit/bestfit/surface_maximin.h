@@ -26,9 +26,11 @@
 //     maximise m  subject to  (d_i - lower_i) / L + g_i . x >= m,
 //     |x_j| <= D (the trust region),
 // with the convex quadratic minimiser of the alignment's constrained steps
-// (minimise 1/2 mu |(x, m)|^2 - m, mu = 1e-3: the small proximal term
-// makes the solution unique, takes no motion along directions that do not
-// raise the margin, and vanishes at a fixed point, where the conditions are
+// (minimise 1/2 mu (|t|^2 + 100 |w|^2 + m^2) - m, mu = 1e-3: the small
+// proximal term makes the solution unique, takes no motion along directions
+// that do not raise the margin, prefers a shift to a turn that raises it
+// alike (a turn moves the points at second order, which the linear model
+// does not see), and vanishes at a fixed point, where the conditions are
 // exactly those of the maximin: the gradients of the points that hold the
 // margin enclose 0). The step moves the points by the exact rigid motion
 // (rotation by |w| about w through c, then the shift). The moved points are
@@ -36,10 +38,34 @@
 // point stopped projecting, and D doubles (at most 1) when the step was cut
 // by it; a step that is not kept is undone and D shrinks fourfold.
 //
+// Evening (on unless set_even(0)). The margin usually leaves motions free:
+// a block whose stock is tightest across y is held by its y faces, and any
+// shift along x or z that keeps those faces' stock does as well. The fit
+// then makes the rest of the stock as even as possible in the same minimax
+// sense, level after level (the lexicographic maximin): of the points
+// within the holding tolerance of the level just reached, those that no
+// first-order motion keeping all of them from dropping can raise are held
+// (one small programme per point; beyond 256 such points all are held;
+// a point that merely touches the level, such as a face that had to come
+// up to it, stays free and rises later), the next stage
+// runs the same iteration on the remaining (free) points over the motions
+// that leave every held deviation unchanged to first order (the null space
+// of the held gradients: at a maximin optimum the holding gradients enclose
+// 0, so no motion raises one of them without lowering another), and its
+// smallest free excess is the next level. A step of a stage is kept only
+// when no held point fell more than the holding tolerance below its level.
+// Stages end when every point is held, the held points fix every motion, or
+// after 8 levels. Last, the margin iteration runs once more from the evened
+// pose: it takes back what the stages' linear steps lost at second order (a
+// motion of the holding tolerance's size). The evening stages stop by the
+// rules below too; their stop does not change the status, which is that of
+// the margin. levels() lists the margin and each level reached.
+//
 // Stopping rules, every one bounded:
-// - converged: a kept step moved no valid point by `tolerance` or more, or
-//   the programme found no step at all;
-// - iteration limit: 100 steps, kept or not;
+// - converged: a kept step moved no valid point by `tolerance` or more, the
+//   programme found no step at all, or its step, not cut by the trust
+//   region, promises to raise the margin by less than `tolerance`;
+// - iteration limit: 100 steps, kept or not (per stage);
 // - stalled: D fell below 1e-12 without a kept step (the linearisation no
 //   longer predicts the surface: a kink of the nominal, for instance).
 // Each fit starts from the identity: points that need a rough pre-alignment
@@ -111,6 +137,11 @@ class tsSurfaceMaximin {
     const tsProjectedPoint3coDynArr& get_pointcloud() const { return projected_; }
     const giXform3& get_transformation() const { return transformation_; }
     int iterations() const { return iterations_; }
+    // Evening the stock after the margin (see above): on by default.
+    void set_even(int on) { even_ = on ? 1 : 0; }
+    // The levels of the last fit: the margin, then the level each evening
+    // stage reached, ascending.
+    const doublecoDynArr& levels() const { return levels_; }
 
    protected:
     // Projects every point under xform into out (initial projections under
@@ -119,13 +150,24 @@ class tsSurfaceMaximin {
 
    private:
     struct Linearisation;
-    void linearise(const tsProjectedPoint3coDynArr& pts, Linearisation& lin) const;
+    void linearise(const tsProjectedPoint3coDynArr& pts, const doublecoDynArr& floors,
+                   Linearisation& lin) const;
     // Solves the trust-region programme; step receives the rigid motion,
     // hit_box whether a bound of D was active, gain the predicted rise of the
     // margin. Returns 0 when the minimiser refuses.
     int solve_step(const Linearisation& lin, double radius, giXform3& step, int& hit_box,
                    double& gain) const;
-    double margin_of(const tsProjectedPoint3coDynArr& pts, int& n_valid) const;
+    // The smallest excess over the free points (floor -DBL_MAX); held_kept
+    // is 0 when a held point fell more than slack below its floor.
+    double margin_of(const tsProjectedPoint3coDynArr& pts, const doublecoDynArr& floors,
+                     double slack, int& n_valid, int& held_kept) const;
+    // The trust-region iteration raising the smallest free excess with the
+    // held points kept on their floors; returns 1, 2 or 3.
+    // Of lin's rows at_level (points at the level just reached), those that
+    // no first-order motion keeping all of them from dropping can raise.
+    intcoDynArr binding_rows(const Linearisation& lin, const intcoDynArr& at_level) const;
+    int climb(double tolerance, double slack, const doublecoDynArr& floors, giXform3& T,
+              tsProjectedPoint3coDynArr& current, Linearisation& lin);
 
     tsFitPoint3PtrcoPageArr points_;
     doublecoPageArr lower_limits_;
@@ -135,4 +177,6 @@ class tsSurfaceMaximin {
     tsProjectedPoint3coDynArr projected_;
     giXform3 transformation_ = giXform3(giIdentity);
     int iterations_ = 0;
+    int even_ = 1;
+    doublecoDynArr levels_;
 };

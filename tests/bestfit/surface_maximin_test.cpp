@@ -161,6 +161,40 @@ TEST(SurfaceMaximin, ReachesTheKnownMarginOfARawBlock) {
     }
 }
 
+TEST(SurfaceMaximin, EvensTheStockTheMarginLeavesFree) {
+    // The margin (y) fixes the shift along y and the turns about x and z;
+    // evening then centres the block along x (stock 1.5 and 3 -> 2.25 each)
+    // and along z (2 and 4 -> 3 each). Without evening only the margin is
+    // asked for.
+    const auto mesh = box_mesh();
+    const tsSurfProjectorForFitting3 projector(mesh.get());
+    const giXform3 moved = giXform3(giVector3(0.4, -0.3, 0.2)) *
+                           giXform3::rotation(giPoint3(50, 40, 30), giVector3(1, 2, -1),
+                                              giAngle(giANGLE_DEGREES, 0.5));
+    const double stock[6] = {1.5, 3, 0.5, 1.5, 2, 4};
+    const double evened[6] = {2.25, 2.25, 1, 1, 3, 3};
+    const RawBlock block = raw_block(stock, 6, moved);
+    for (int even : {1, 0}) {
+        SCOPED_TRACE(even);
+        tsSurfaceMaximin fit;
+        fit.set_projector(&projector);
+        fit.set_even(even);
+        for (const tsFitPoint3coPrf& p : block.points) fit.add_point(p);
+        const Result r = run(fit);
+        EXPECT_EQ(r.status, tsSURFACE_MAXIMIN_CONVERGED);
+        EXPECT_NEAR(r.margin, 1.0, 1e-9);
+        const doublecoDynArr& levels = fit.levels();
+        ASSERT_EQ(levels.size(), even ? 3 : 1);
+        EXPECT_NEAR(levels[0], 1.0, 1e-9);
+        if (!even) continue;
+        EXPECT_NEAR(levels[1], 2.25, 1e-9);
+        EXPECT_NEAR(levels[2], 3.0, 1e-9);
+        const tsProjectedPoint3coDynArr& cloud = fit.get_pointcloud();
+        for (int i = 0; i < cloud.size(); ++i)
+            EXPECT_NEAR(cloud[i].signed_distance(), evened[block.face[i]], 1e-9) << i;
+    }
+}
+
 TEST(SurfaceMaximin, CentresAShellOnASphereAndRepeatsItself) {
     // Points 1 outside a sphere of radius 10, the shell's centre 0.3 off:
     // the maximin takes the centres together, margin exactly 1, and every

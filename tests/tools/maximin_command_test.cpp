@@ -103,6 +103,27 @@ TEST(MaximinCommand, ReportsTheKnownMarginAndItsHoldingPoints) {
         EXPECT_NE(o.out.find(c.holding), std::string::npos) << o.out;
         EXPECT_NE(o.out.find("\"status\": \"converged\""), std::string::npos);
     }
+    // The levels: the margin (y), then x evened (1.2, 2 -> 1.6), then z
+    // (2, 3 -> 2.5); --no-even stops at the margin.
+    for (bool even : {true, false}) {
+        std::vector<std::string> args = {"--surface", stl, "-", "--json"};
+        if (!even) args.push_back("--no-even");
+        const Outcome o = run(args, raw_rows(stock, ""));
+        ASSERT_EQ(o.status, kExitOk) << o.err;
+        const std::size_t at = o.out.find("\"levels\": [");
+        ASSERT_NE(at, std::string::npos) << o.out;
+        std::vector<double> levels;
+        for (const char* c = o.out.c_str() + at + 11; *c != ']'; ++c) {
+            char* end = nullptr;
+            levels.push_back(std::strtod(c, &end));
+            c = end;
+            if (*c == ']') break;
+        }
+        const std::vector<double> expected =
+            even ? std::vector<double>{1.0, 1.6, 2.5} : std::vector<double>{1.0};
+        ASSERT_EQ(levels.size(), expected.size()) << o.out;
+        for (std::size_t k = 0; k < levels.size(); ++k) EXPECT_NEAR(levels[k], expected[k], 1e-8);
+    }
     // Per-point limits: 1 on the x faces (rows 1 to 4) moves the margin there.
     std::string rows = raw_rows(stock, "");
     std::istringstream lines(rows);

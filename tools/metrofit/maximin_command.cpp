@@ -31,7 +31,7 @@ const char* status_name(int status) {
 }  // namespace
 
 bool is_maximin_command(const std::vector<std::string>& args) {
-    return command_is(args, "maximin", {"--lock-rotations", "--lower-column"});
+    return command_is(args, "maximin", {"--lock-rotations", "--lower-column", "--no-even"});
 }
 
 int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& o,
@@ -45,6 +45,8 @@ int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& 
         if (common_flag(a, o.help, o.version, o.json)) continue;
         if (a == "--lock-rotations") {
             o.lock_rotations = true;
+        } else if (a == "--no-even") {
+            o.even = false;
         } else if (a == "--lower-column") {
             o.lower_column = true;
         } else if (valued_option(args, i, "--surface", surface_given, value, error)) {
@@ -71,7 +73,7 @@ int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& 
         } else if (a.size() > 1 && a[0] == '-') {
             error = "unknown option '" + a +
                     "' for maximin (it takes --surface, --probe-radius, --lower, --lower-column, "
-                    "--tolerance, --lock-rotations and --json)";
+                    "--tolerance, --lock-rotations, --no-even and --json)";
             return kExitUsage;
         } else {
             positional.push_back(a);
@@ -173,6 +175,7 @@ int maximin_points(const MaximinOptions& o, const srkMeshSurf& surface,
     }
     if (o.lock_rotations)
         fit.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
+    fit.set_even(o.even ? 1 : 0);
 
     const double nan = std::numeric_limits<double>::quiet_NaN();
     for (int i = 0; i < r.points; ++i) {
@@ -195,6 +198,7 @@ int maximin_points(const MaximinOptions& o, const srkMeshSurf& surface,
         for (int j = 0; j < 4; ++j) r.transform[i][j] = T(i, j);
     r.transform[3][3] = 1.0;
     for (int i : holding) r.holding.push_back(i);
+    for (double level : fit.levels()) r.levels.push_back(level);
     const tsProjectedPoint3coDynArr& cloud = fit.get_pointcloud();
     for (int i = 0; i < cloud.size(); ++i)
         r.after.push_back(cloud[i].invalid() ? nan : cloud[i].signed_distance());
@@ -213,6 +217,8 @@ std::string format_maximin_human(const MaximinReport& r) {
     s += "holding      ";
     for (std::size_t k = 0; k < r.holding.size(); ++k)
         s += (k ? " " : "") + std::to_string(r.holding[k] + 1);
+    s += "\nlevels      ";
+    for (double level : r.levels) s += " " + formatted_number(level, "%.9g");
     s += "\nunprojected  " + std::to_string(r.unprojected) + "\n";
     s += "point  lower  before  after\n";
     for (int i = 0; i < r.points; ++i)
@@ -238,15 +244,15 @@ std::string format_maximin_json(const MaximinReport& r) {
     s += "], \"margin\": " + json_number(r.margin) + ", \"holding\": [";
     for (std::size_t k = 0; k < r.holding.size(); ++k)
         s += (k ? ", " : "") + std::to_string(r.holding[k] + 1);
-    return s + "], \"unprojected\": " + std::to_string(r.unprojected) +
-           ", \"lower\": " + list(r.lower) + ", \"before\": " + list(r.before) +
-           ", \"after\": " + list(r.after) + "}\n";
+    return s + "], \"levels\": " + list(r.levels) +
+           ", \"unprojected\": " + std::to_string(r.unprojected) + ", \"lower\": " + list(r.lower) +
+           ", \"before\": " + list(r.before) + ", \"after\": " + list(r.after) + "}\n";
 }
 
 std::string maximin_usage_text() {
     return R"(Usage: metrofit maximin --surface FILE.stl <points> [--probe-radius R]
                         [--lower L | --lower-column] [--tolerance T]
-                        [--lock-rotations] [--json]
+                        [--lock-rotations] [--no-even] [--json]
 
 maximin: the rigid motion (rotation and shift) that carries measured points
 onto a nominal surface, a triangle mesh read from an STL file (the facets'
@@ -267,19 +273,28 @@ Options:
                        (default 1e-9; at most 100 steps); points within
                        max(T, 1e-9 of the part's size) of the margin hold it.
   --lock-rotations     no rotation: shifts along x, y and z only.
+  --no-even            the margin only: leave the motions it does not fix
+                       where the iteration stops instead of evening the
+                       rest of the stock.
   --json               print one JSON object instead of the text report.
   -h, --help           print this help and exit.
+
+After the margin, the fit evens the rest of the stock level by level: the
+points at the level reached are held there, and the motions that keep them
+raise the smallest deviation of the others (a block tightest across y is
+then also centred along x and z).
 
 The fit starts from the points as given: a part turned by more than a few
 degrees needs a rough alignment first (metrofit bestfit).
 
 Report: the 4 x 4 transform (measured -> nominal, last row 0 0 0 1); the
 point count; how the fit ended (converged, iteration limit, stalled); the
-margin; the holding points (line order, from 1); the count of points that do
+margin; the holding points (line order, from 1); the levels (the margin,
+then the level each evening stage reached); the count of points that do
 not project; per point its lower limit and its signed deviation before
 (as given) and after the fit. --json: {"points", "status", "transform",
-"margin", "holding", "unprojected", "lower", "before", "after"} (null for a
-point that does not project).
+"margin", "holding", "levels", "unprojected", "lower", "before", "after"}
+(null for a point that does not project).
 
 Exit status: 0 fitted; 1 a surface file the STL reader refuses, no points,
 no point that projects, or points that leave the margin without bound (all

@@ -11,7 +11,8 @@
 // run_maximin() is the whole command, with its streams passed in as for
 // run_metrofit(). Exit status: 0 done, 1 a surface file the STL reader
 // refuses, no points, no point that projects, or points that leave the
-// margin without bound, 2 a usage error or a bad points file.
+// margin without bound, 2 a usage error or a bad points file. After the
+// margin the rest of the stock is evened level by level (--no-even: not).
 #pragma once
 
 #include <istream>
@@ -35,6 +36,7 @@ struct MaximinOptions {
     double lower = 0.0;         // every point's lower limit
     bool lower_column = false;  // the last number of a row is its lower limit
     bool lock_rotations = false;
+    bool even = true;  // even the stock the margin leaves free
 };
 
 // Whether the first argument that is not a flag is "maximin".
@@ -61,7 +63,8 @@ struct MaximinReport {
     int status = 0;               // the fit's status (1 converged, 2 iteration limit, 3 stalled)
     double transform[4][4] = {};  // measured -> nominal; last row 0 0 0 1
     double margin = 0.0;
-    std::vector<int> holding;  // 0-based point indices
+    std::vector<int> holding;    // 0-based point indices
+    std::vector<double> levels;  // the margin, then each evening level
     // Per point, signed deviation under the identity and after the fit (NaN
     // for a point that does not project), and its lower limit.
     std::vector<double> before, after, lower;
