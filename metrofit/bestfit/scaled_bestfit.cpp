@@ -4,8 +4,12 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <vector>
 
 #include "metrofit/bestfit/points_to_points.h"
+#include "metrofit/platform/maths/constrained_quadratic.h"
+#include "metrofit/platform/maths/matrix.h"
+#include "metrofit/platform/maths/vector.h"
 
 namespace {
 
@@ -46,10 +50,19 @@ void tsScaledSurfaceBestfit::reserve_points(int n) {
 }
 
 void tsScaledSurfaceBestfit::add_point(const tsFitPoint3coPrf& p, double weight) {
+    add_point(p, -DBL_MAX, DBL_MAX, weight);
+}
+
+void tsScaledSurfaceBestfit::add_point(const tsFitPoint3coPrf& p, double lower_limit,
+                                       double upper_limit, double weight) {
     if (!std::isfinite(weight) || weight < 0.0) bad_input_ = true;
+    if (std::isnan(lower_limit) || std::isnan(upper_limit) || lower_limit > upper_limit)
+        bad_input_ = true;
     if (!(weight > 0.0) || !std::isfinite(weight)) return;
     points_.append(p);
     weights_.append(weight);
+    lower_limits_.append(lower_limit);
+    upper_limits_.append(upper_limit);
 }
 
 void tsScaledSurfaceBestfit::add_pair(const giPoint3& measured, const giPoint3& nominal) {
@@ -66,8 +79,47 @@ void tsScaledSurfaceBestfit::fix_scale(double scale) {
     fixed_scale_ = scale;
 }
 
+void tsScaledSurfaceBestfit::clear_locks() {
+    rotations_locked_ = origin_locked_ = axis_locked_ = axis_through_point_ = false;
+    lock_point_given_ = false;
+}
+
+void tsScaledSurfaceBestfit::lock_origin(const giPoint3& measured_point,
+                                         const giPoint3& nominal_point) {
+    clear_locks();
+    if (!finite(measured_point) || !finite(nominal_point)) bad_input_ = true;
+    origin_locked_ = true;
+    lock_point_measured_ = measured_point;
+    lock_point_nominal_ = nominal_point;
+    lock_point_given_ = true;
+}
+
+void tsScaledSurfaceBestfit::lock_axis(tsSurfaceBestfitLockedAxisType type,
+                                       const giVector3& measured_direction,
+                                       const giVector3& nominal_direction,
+                                       const giPoint3& measured_point,
+                                       const giPoint3& nominal_point) {
+    clear_locks();
+    const double lm = measured_direction.length(), ln = nominal_direction.length();
+    if (!(lm > 0.0) || !(ln > 0.0) || !std::isfinite(lm) || !std::isfinite(ln)) {
+        bad_input_ = true;
+        return;
+    }
+    axis_locked_ = true;
+    axis_through_point_ = type != tsSURFACE_BESTFIT_AXIS_DIRECTION;
+    lock_direction_measured_ = measured_direction * (1.0 / lm);
+    lock_direction_nominal_ = nominal_direction * (1.0 / ln);
+    // Unset points (x = -DBL_MAX) leave the direction alone.
+    lock_point_given_ = measured_point.x() != -DBL_MAX && nominal_point.x() != -DBL_MAX;
+    if (lock_point_given_ && (!finite(measured_point) || !finite(nominal_point))) bad_input_ = true;
+    if (axis_through_point_ && !lock_point_given_) bad_input_ = true;
+    lock_point_measured_ = measured_point;
+    lock_point_nominal_ = nominal_point;
+}
+
 void tsScaledSurfaceBestfit::lock_rotations(const giVector3& a, const giVector3& b,
                                             const giVector3& c) {
+    clear_locks();
     rotations_locked_ = true;
     shift_axes_.clear(0);
     for (const giVector3* v : {&a, &b, &c}) {
@@ -147,6 +199,34 @@ int tsScaledSurfaceBestfit::rough_start(giXform3& start, double& scale) const {
     return finite(start) ? tsSCALED_BESTFIT_CONVERGED : tsSCALED_BESTFIT_DEGENERATE_PAIRS;
 }
 
+void tsScaledSurfaceBestfit::enforce_lock(giXform3& start) const {
+    if (origin_locked_) {
+        start.premultiply(
+            giXform3::translation(lock_point_nominal_ - start * lock_point_measured_));
+        return;
+    }
+    if (!axis_locked_) return;
+    // The shortest turn carrying the moved measured direction onto the
+    // nominal one (half a turn about a perpendicular when they oppose).
+    const giVector3 a = lock_direction_nominal_;
+    giVector3 d = start * lock_direction_measured_;
+    d = d * (1.0 / d.length());
+    giVector3 axis = cross(d, a);
+    const double sine = axis.length(), cosine = dot(d, a);
+    if (!(sine > 0.0) && cosine < 0.0) {
+        axis = cross(d, std::fabs(d.x()) < 0.6 ? giVector3(1, 0, 0) : giVector3(0, 1, 0));
+    }
+    const giPoint3 pivot = start * (lock_point_given_ ? lock_point_measured_ : centre_);
+    if (axis.length() > 0.0)
+        start.premultiply(
+            giXform3::rotation(pivot, axis, giAngle(giANGLE_RADIANS, std::atan2(sine, cosine))));
+    if (axis_through_point_) {
+        giVector3 across = lock_point_nominal_ - start * lock_point_measured_;
+        across = across - a * dot(a, across);
+        start.premultiply(giXform3::translation(across));
+    }
+}
+
 void tsScaledSurfaceBestfit::project(const giXform3& xform) {
     const int n = points_.size();
     projected_.clear(0);
@@ -183,31 +263,50 @@ int tsScaledSurfaceBestfit::linear_step(const giXform3& current, giXform3& step,
 
     // With restricted shifts the scale acts about the moved centre, which
     // the shift lock refers to; otherwise about g, which keeps the scale's
-    // column apart from the shifts' (same map, better conditioned).
-    const giPoint3 scale_origin = rotations_locked_ ? current * centre_ : g;
+    // column apart from the shifts' (same map, better conditioned). A
+    // locked origin, or an axis locked through a point, is the pivot of the
+    // turn and the scale, which keeps it where the start put it.
+    giPoint3 pivot = g;
+    giPoint3 scale_origin = rotations_locked_ ? current * centre_ : g;
+    if (origin_locked_ || axis_through_point_) pivot = scale_origin = lock_point_nominal_;
 
     // Reduced unknowns: the columns of the full row (w L, tau, sigma L) kept.
     // basis maps the reduced unknowns onto the full seven.
-    const int n_shift = rotations_locked_ ? shift_axes_.size() : 3;
-    const int m = (rotations_locked_ ? 0 : 3) + n_shift + (scale_fixed_ ? 0 : 1);
+    const giVector3& a = lock_direction_nominal_;
+    Eigen::Matrix<double, 7, 7> columns = Eigen::Matrix<double, 7, 7>::Zero();
+    int m = 0;
+    if (axis_locked_) {
+        for (int j = 0; j < 3; ++j) columns(j, m) = a[j];
+        ++m;
+    } else if (!rotations_locked_) {
+        for (int k = 0; k < 3; ++k) columns(k, m++) = 1.0;
+    }
+    if (rotations_locked_) {
+        for (int k = 0; k < shift_axes_.size(); ++k, ++m)
+            for (int j = 0; j < 3; ++j) columns(3 + j, m) = shift_axes_[k][j];
+    } else if (axis_through_point_) {
+        for (int j = 0; j < 3; ++j) columns(3 + j, m) = a[j];
+        ++m;
+    } else if (!origin_locked_) {
+        for (int k = 0; k < 3; ++k) columns(3 + k, m++) = 1.0;
+    }
+    const int scale_column = scale_fixed_ ? -1 : m;
+    if (!scale_fixed_) columns(6, m++) = 1.0;
     if (m == 0) return tsSCALED_BESTFIT_SINGULAR;
-    Eigen::Matrix<double, 7, Eigen::Dynamic, 0, 7, 7> basis =
-        Eigen::Matrix<double, 7, Eigen::Dynamic, 0, 7, 7>::Zero(7, m);
-    int col = 0;
-    if (!rotations_locked_)
-        for (int k = 0; k < 3; ++k) basis(k, col++) = 1.0;
-    for (int k = 0; k < n_shift; ++k, ++col)
-        for (int j = 0; j < 3; ++j)
-            basis(3 + j, col) = rotations_locked_ ? shift_axes_[k][j] : (j == k ? 1.0 : 0.0);
-    const int scale_column = scale_fixed_ ? -1 : col;
-    if (!scale_fixed_) basis(6, col++) = 1.0;
+    const Eigen::Matrix<double, 7, Eigen::Dynamic, 0, 7, 7> basis = columns.leftCols(m);
 
     Matrix7 normal = Matrix7::Zero(m, m);
     Vector7 rhs = Vector7::Zero(m);
+    struct Band {
+        Vector7 row;  // row . x <= bound
+        double bound;
+        int point, upper;
+    };
+    std::vector<Band> bands;
     for (int i = 0; i < n; ++i) {
         const tsProjectedPoint3& p = projected_[i];
         if (p.invalid()) continue;
-        const giVector3 r = p.measured_point() - g;
+        const giVector3 r = p.measured_point() - pivot;
         const giVector3& nv = p.nominal_normal();
         const giVector3 rxn = cross(r, nv);
         Eigen::Matrix<double, 7, 1> full;
@@ -216,6 +315,12 @@ int tsScaledSurfaceBestfit::linear_step(const giXform3& current, giXform3& step,
         const Vector7 row = basis.transpose() * full;
         normal.noalias() += weights_[i] * row * row.transpose();
         rhs.noalias() -= weights_[i] * p.signed_distance() * row;
+        // Linearised bands: lower <= d + row . x <= upper.
+        const double d = p.signed_distance();
+        if (lower_limits_[i] != -DBL_MAX && !lower_dropped_[i])
+            bands.push_back({-row, d - lower_limits_[i], i, 0});
+        if (upper_limits_[i] != DBL_MAX && !upper_dropped_[i])
+            bands.push_back({row, upper_limits_[i] - d, i, 1});
     }
     if (!normal.allFinite() || !rhs.allFinite()) return tsSCALED_BESTFIT_SINGULAR;
 
@@ -238,6 +343,35 @@ int tsScaledSurfaceBestfit::linear_step(const giXform3& current, giXform3& step,
         x += vectors.col(k) * (vectors.col(k).dot(rhs) / values[k]);
     }
     if (scale_in_null > kScaleInNull) return tsSCALED_BESTFIT_SCALE_UNDETERMINED;
+    if (!bands.empty()) {
+        // The least-squares step under the bands: minimise 1/2 x' N x - b' x
+        // subject to the rows; contradicting rows are dropped and recorded.
+        const int k = static_cast<int>(bands.size());
+        mlMatrix C(mlMatrixZero, k, m), M(mlMatrixZero, m, m);
+        mlVector dv(mlVectorZero, k), V(mlVectorZero, m), y(mlVectorZero, m);
+        for (int r = 0; r < k; ++r) {
+            for (int j = 0; j < m; ++j) C(r, j) = bands[r].row[j];
+            dv[r] = bands[r].bound;
+        }
+        for (int j = 0; j < m; ++j) {
+            V[j] = rhs[j];
+            for (int l = 0; l < m; ++l) M(j, l) = normal(j, l);
+        }
+        mlConstrainedQuadraticMinimiser qp(C, dv, 1);
+        if (!qp.solve(M, V, y)) return tsSCALED_BESTFIT_SINGULAR;
+        for (int r : qp.overdetermined_constraints()) {
+            const Band& b = bands[r];
+            (b.upper ? upper_dropped_ : lower_dropped_)[b.point] = 1;
+            const int number = (b.upper ? upper_numbers_ : lower_numbers_)[b.point];
+            // Kept ascending: shift the larger numbers up by one.
+            overdetermined_.append(number);
+            int at = overdetermined_.size() - 1;
+            for (; at > 0 && overdetermined_[at - 1] > number; --at)
+                overdetermined_[at] = overdetermined_[at - 1];
+            overdetermined_[at] = number;
+        }
+        for (int j = 0; j < m; ++j) x[j] = y[j];
+    }
 
     const Eigen::Matrix<double, 7, 1> full = basis * x;
     const giVector3 w(full[0] / L, full[1] / L, full[2] / L);
@@ -245,7 +379,8 @@ int tsScaledSurfaceBestfit::linear_step(const giXform3& current, giXform3& step,
     log_scale = full[6] / L;
     const double angle = w.length();
     step = scaling_about(scale_origin, std::exp(log_scale));
-    if (angle > 0.0) step.premultiply(giXform3::rotation(g, w, giAngle(giANGLE_RADIANS, angle)));
+    if (angle > 0.0)
+        step.premultiply(giXform3::rotation(pivot, w, giAngle(giANGLE_RADIANS, angle)));
     step.premultiply(giXform3::translation(tau));
     return finite(step) ? tsSCALED_BESTFIT_CONVERGED : tsSCALED_BESTFIT_SINGULAR;
 }
@@ -282,6 +417,24 @@ int tsScaledSurfaceBestfit::fit(double tolerance, giXform3& xform, double& scale
     const int started = rough_start(current, s);
     if (started <= 0) return started;
     const double s_start = s;
+
+    enforce_lock(current);
+    if (!finite(current)) return tsSCALED_BESTFIT_SINGULAR;
+
+    // Band limits: numbered in order, none dropped yet.
+    const int n_points = points_.size();
+    lower_dropped_.clear(0);
+    upper_dropped_.clear(0);
+    lower_numbers_.clear(0);
+    upper_numbers_.clear(0);
+    overdetermined_.clear(0);
+    int number = 0;
+    for (int i = 0; i < n_points; ++i) {
+        lower_dropped_.append(0);
+        upper_dropped_.append(0);
+        lower_numbers_.append(lower_limits_[i] != -DBL_MAX ? number++ : -1);
+        upper_numbers_.append(upper_limits_[i] != DBL_MAX ? number++ : -1);
+    }
 
     int status = tsSCALED_BESTFIT_ITERATION_LIMIT;
     iterations_ = 0;

@@ -39,10 +39,36 @@
 // distance nominal / measured), or the fixed scale. This brings in starts
 // far off (tens of degrees) that the local iteration would not recover.
 //
-// Locks:
+// Locks (lock_rotations, lock_origin and lock_axis exclude each other: the
+// last call holds; fix_scale goes with any of them). Each is made exact at
+// the start and kept exactly by the form of every step, so nothing needs
+// re-basing between steps:
 // - fix_scale(s): the scale stays s (s = 1: the plain rigid bestfit);
 // - lock_rotations(a, b, c): no rotation, and shifts along the set ones of
-//   the given axes only; with pairs, the rough start keeps no rotation too.
+//   the given axes only; with pairs, the rough start keeps no rotation too;
+// - lock_origin(measured point, nominal point): the start is shifted to
+//   carry the measured point onto the nominal one; every step turns and
+//   scales about that nominal point (no shift), which keeps it there;
+// - lock_axis(type, measured direction, nominal direction, measured point,
+//   nominal point): the start is turned (about where the measured point,
+//   or without one the centre, lies) to carry the measured direction onto
+//   the nominal one as given (sense included); every step turns only about
+//   the nominal direction. With tsSURFACE_BESTFIT_AXIS_DIRECTION the shift
+//   stays free and the scale acts about the points' centroid; with
+//   tsSURFACE_BESTFIT_AXIS_THROUGH_POINT the measured axis line (through the
+//   measured point) is also carried onto the nominal one (through the
+//   nominal point): the start slides across it, and every step turns about
+//   that line, shifts along it and scales about the nominal point, all of
+//   which keep the line.
+//
+// Tolerance bands: add_point(p, lower, upper, weight) asks that the point's
+// signed deviation stay within [lower, upper] (open ends -DBL_MAX, DBL_MAX).
+// With bands present each linear step is the least-squares step under the
+// linearised bands (the constrained quadratic minimiser on the conditioned
+// normal equations). Bands that contradict each other are reported by the
+// minimiser as over-determined: they are recorded (numbered in the order
+// finite limits occur over the added points, lower before upper), dropped
+// from that step on, and the fit goes on with the rest.
 //
 // Stopping rules: the fit stops as converged when no valid point moves by
 // the tolerance or more in a step; after max_iterations steps (50 unless
@@ -57,10 +83,12 @@
 // pairs), DEGENERATE_PAIRS (pairs on one line or coinciding), DIVERGED (the
 // scale left [1e-3, 1e3] times its start, or a non-finite transform), and
 // BAD_INPUT (a negative or non-finite tolerance, weight or fixed scale, a
-// non-finite centre or pair).
+// non-finite centre or pair, a band with lower > upper or a NaN limit, a
+// lock with a direction of no length or a non-finite point).
 #pragma once
 
 #include "metrofit/bestfit/fit_points.h"
+#include "metrofit/bestfit/surface_bestfit.h"
 #include "metrofit/platform/containers/dyn_arr.h"
 #include "metrofit/platform/containers/page_arr.h"
 #include "metrofit/platform/geometry/arrays.h"
@@ -87,12 +115,18 @@ class tsScaledSurfaceBestfit {
     void set_projector(const tsFitPointProjector3* projector) { projector_ = projector; }
     void reserve_points(int n);
     void add_point(const tsFitPoint3coPrf& p, double weight = 1.0);
+    void add_point(const tsFitPoint3coPrf& p, double lower_limit, double upper_limit,
+                   double weight);
     // A pair of corresponding points for the rough start: the measured
     // point and where it belongs on the nominal.
     void add_pair(const giPoint3& measured, const giPoint3& nominal);
     void set_scale_centre(const giPoint3& centre) { centre_ = centre; }
     void fix_scale(double scale);
     void lock_rotations(const giVector3& a, const giVector3& b, const giVector3& c);
+    void lock_origin(const giPoint3& measured_point, const giPoint3& nominal_point);
+    void lock_axis(tsSurfaceBestfitLockedAxisType type, const giVector3& measured_direction,
+                   const giVector3& nominal_direction, const giPoint3& measured_point,
+                   const giPoint3& nominal_point);
     void set_max_iterations(int n) { max_iterations_ = n < 1 ? 1 : n > 1000 ? 1000 : n; }
 
     // Fits and writes the map (measured -> nominal, linear part s R) and
@@ -117,9 +151,14 @@ class tsScaledSurfaceBestfit {
     // Degrees of freedom the last step left undetermined (turn of a sphere).
     int n_undetermined() const { return n_undetermined_; }
     int nb_points() const { return points_.size(); }
+    // Band limits found over-determined during the last fit (see above).
+    const intcoDynArr& overdetermined_constraints() const { return overdetermined_; }
 
    private:
     int rough_start(giXform3& start, double& scale) const;
+    // Makes the start meet the origin or axis lock exactly.
+    void enforce_lock(giXform3& start) const;
+    void clear_locks();
     void project(const giXform3& xform);
     // One linear step from the current projections; a status <= 0 on failure.
     int linear_step(const giXform3& current, giXform3& step, double& log_scale);
@@ -127,6 +166,10 @@ class tsScaledSurfaceBestfit {
 
     tsFitPoint3PtrcoPageArr points_;
     doublecoDynArr weights_;
+    doublecoDynArr lower_limits_, upper_limits_;
+    intcoDynArr lower_dropped_, upper_dropped_;
+    intcoDynArr lower_numbers_, upper_numbers_;  // -1: no limit
+    intcoDynArr overdetermined_;
     giPoint3coDynArr pairs_measured_;
     giPoint3coDynArr pairs_nominal_;
     giVector3coDynArr shift_axes_;
@@ -135,6 +178,14 @@ class tsScaledSurfaceBestfit {
     double fixed_scale_ = 0.0;  // 0: the scale is fitted
     bool scale_fixed_ = false;
     bool rotations_locked_ = false;
+    bool origin_locked_ = false;
+    bool axis_locked_ = false;
+    bool axis_through_point_ = false;
+    giVector3 lock_direction_measured_ = giVector3(0.0, 0.0, 1.0);
+    giVector3 lock_direction_nominal_ = giVector3(0.0, 0.0, 1.0);  // unit
+    giPoint3 lock_point_measured_ = giPoint3(0.0, 0.0, 0.0);
+    giPoint3 lock_point_nominal_ = giPoint3(0.0, 0.0, 0.0);
+    bool lock_point_given_ = false;
     bool bad_input_ = false;
     int max_iterations_ = 50;
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <functional>
 #include <memory>
@@ -309,6 +310,106 @@ TEST(ScaledSurfaceBestfit, LockedRotationsShiftAlongTheGivenAxesOnly) {
     EXPECT_NEAR(g.xform(2, 3), 0.0, 1e-12);
 }
 
+TEST(ScaledSurfaceBestfit, OriginAndAxisLocksHoldExactly) {
+    // Locks true to the data recover the truth; a lock off by a little
+    // still holds exactly, and the fit moves away from the truth to keep it.
+    const Sample s = box(40, 16);
+    const giXform3 truth = similarity(1.002, 2.0, giVector3(0.5, -0.4, 0.3), giPoint3(10, 20, 5));
+    const giXform3 back = truth.inverse();
+    const std::vector<tsFitPoint3coPrf> pts = measured(s, truth, 0.0, 17);
+    const giPoint3 q0(50, 30, 20);
+    const giVector3 a(0, 0, 1);
+    const giVector3 tilt(0.02, 0, 0);  // about 1.1 degrees
+    enum Kind { kOrigin, kDirection, kThroughPoint };
+    struct Case {
+        const char* name;
+        Kind kind;
+        bool off;
+    };
+    const Case cases[] = {{"origin", kOrigin, false},
+                          {"origin off", kOrigin, true},
+                          {"direction", kDirection, false},
+                          {"direction off", kDirection, true},
+                          {"through point", kThroughPoint, false},
+                          {"through point off", kThroughPoint, true}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const giPoint3 m0 =
+            back * q0 + (c.off && c.kind == kOrigin ? tilt * 5.0 : giVector3(0, 0, 0));
+        giVector3 dm = back * a;
+        if (c.off && c.kind != kOrigin) dm = dm + tilt;
+        const Fitted f = run(s, pts, [&](tsScaledSurfaceBestfit& b) {
+            if (c.kind == kOrigin)
+                b.lock_origin(m0, q0);
+            else
+                b.lock_axis(c.kind == kDirection ? tsSURFACE_BESTFIT_AXIS_DIRECTION
+                                                 : tsSURFACE_BESTFIT_AXIS_THROUGH_POINT,
+                            dm, a, m0, q0);
+        });
+        ASSERT_GT(f.status, 0);
+        if (c.kind == kOrigin) {
+            EXPECT_LT((f.xform * m0 - q0).length(), 1e-10);
+        } else {
+            const giVector3 d = f.xform * dm;
+            EXPECT_LT((d * (1.0 / d.length()) - a).length(), 1e-12);
+        }
+        if (c.kind == kThroughPoint) {
+            const giVector3 v = f.xform * m0 - q0;
+            EXPECT_LT((v - a * dot(a, v)).length(), 1e-10);
+        }
+        if (c.off) {
+            EXPECT_GT(worst_gap(s, f.xform, truth), 0.01);
+        } else {
+            EXPECT_LT(worst_gap(s, f.xform, truth), 1e-7);
+        }
+    }
+}
+
+TEST(ScaledSurfaceBestfit, BandsHoldAndContradictionsAreRecorded) {
+    // Five points of the +x face stand 0.05 proud of the rest: the plain
+    // fit leaves them about 0.04 out; bands of +-0.01 on them hold.
+    const Sample s = box(30, 18);
+    const giXform3 truth = similarity(1.001, 1.0, giVector3(0.2, 0.1, -0.3), giPoint3(0, 0, 0));
+    const giXform3 back = truth.inverse();
+    std::vector<tsFitPoint3coPrf> pts;
+    std::vector<int> proud;
+    for (std::size_t i = 0; i < s.feet.size(); ++i) {
+        const bool bump = s.normals[i].x() > 0.5 && proud.size() < 5;
+        if (bump) proud.push_back(static_cast<int>(i));
+        const giPoint3 q = s.feet[i] + s.normals[i] * (bump ? 0.05 : 0.0);
+        pts.push_back(tsFitPoint3coPrf(new tsProbedPoint3(back * q, back * s.normals[i], 0.0)));
+    }
+    const tsSurfProjectorForFitting3 projector(s.surface.get());
+    for (int banded : {0, 1, 2}) {
+        SCOPED_TRACE(banded);
+        tsScaledSurfaceBestfit fit;
+        fit.set_projector(&projector);
+        for (std::size_t i = 0; i < pts.size(); ++i) {
+            const bool on = banded && std::find(proud.begin(), proud.end(), i) != proud.end();
+            fit.add_point(pts[i], on ? -0.01 : -DBL_MAX, on ? 0.01 : DBL_MAX, 1.0);
+        }
+        // The same point again with a band that excludes the first one's.
+        if (banded == 2) fit.add_point(pts[proud[0]], 0.5, 0.6, 1.0);
+        giXform3 T;
+        double scale = 0.0;
+        ASSERT_GT(fit.fit(1e-12, T, scale), 0);
+        double worst = 0.0;
+        for (int i : proud)
+            worst = std::max(worst, std::fabs(fit.get_pointcloud()[i].signed_distance()));
+        if (banded == 0) {
+            EXPECT_GT(worst, 0.03);
+            EXPECT_EQ(fit.overdetermined_constraints().size(), 0);
+        }
+        if (banded == 1) {
+            EXPECT_LE(worst, 0.01 + 1e-9);
+            EXPECT_EQ(fit.overdetermined_constraints().size(), 0);
+        }
+        if (banded == 2) {
+            EXPECT_GT(fit.overdetermined_constraints().size(), 0);
+        }
+    }
+}
+
 TEST(ScaledSurfaceBestfit, RefusesBadInputAndLeavesOutputsUntouched) {
     const Sample s = box(10, 16);
     const std::vector<tsFitPoint3coPrf> pts = measured(s, giXform3::identity(), 0.0, 17);
@@ -357,6 +458,25 @@ TEST(ScaledSurfaceBestfit, RefusesBadInputAndLeavesOutputsUntouched) {
          [](tsScaledSurfaceBestfit& f) { f.fix_scale(0.0); }, 1e-9},
         {"NaN centre", tsSCALED_BESTFIT_BAD_INPUT,
          [&](tsScaledSurfaceBestfit& f) { f.set_scale_centre(giPoint3(0, nan, 0)); }, 1e-9},
+        {"band upside down", tsSCALED_BESTFIT_BAD_INPUT,
+         [&](tsScaledSurfaceBestfit& f) { f.add_point(pts[0], 0.1, -0.1, 1.0); }, 1e-9},
+        {"NaN band", tsSCALED_BESTFIT_BAD_INPUT,
+         [&](tsScaledSurfaceBestfit& f) { f.add_point(pts[0], nan, 0.1, 1.0); }, 1e-9},
+        {"axis of no length", tsSCALED_BESTFIT_BAD_INPUT,
+         [](tsScaledSurfaceBestfit& f) {
+             f.lock_axis(tsSURFACE_BESTFIT_AXIS_DIRECTION, giVector3(0, 0, 0), giVector3(0, 0, 1),
+                         giPoint3(0, 0, 0), giPoint3(0, 0, 0));
+         },
+         1e-9},
+        {"axis through no point", tsSCALED_BESTFIT_BAD_INPUT,
+         [](tsScaledSurfaceBestfit& f) {
+             f.lock_axis(tsSURFACE_BESTFIT_AXIS_THROUGH_POINT, giVector3(0, 0, 1),
+                         giVector3(0, 0, 1), giPoint3(-DBL_MAX, 0, 0), giPoint3(0, 0, 0));
+         },
+         1e-9},
+        {"NaN origin", tsSCALED_BESTFIT_BAD_INPUT,
+         [&](tsScaledSurfaceBestfit& f) { f.lock_origin(giPoint3(nan, 0, 0), giPoint3(0, 0, 0)); },
+         1e-9},
         {"NaN tolerance", tsSCALED_BESTFIT_BAD_INPUT, nullptr, nan},
         {"negative tolerance", tsSCALED_BESTFIT_BAD_INPUT, nullptr, -1.0},
     };

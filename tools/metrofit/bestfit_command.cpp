@@ -159,10 +159,6 @@ int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& 
         error = "--scale-centre and --pairs go with --scale";
         return kExitUsage;
     }
-    if (o.scale && (o.lock_origin || o.lock_axis || o.band)) {
-        error = "--scale takes --lock-rotations but not --lock-origin, --lock-axis or --band";
-        return kExitUsage;
-    }
     return kExitOk;
 }
 
@@ -256,17 +252,22 @@ int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,
         }
         const double radius = p.has_radius ? p.radius : p.has_normal ? o.probe_radius : 0.0;
         const tsFitPoint3coPrf probed(new tsProbedPoint3(at, normal, radius));
+        const double lower = o.band ? o.band_lower : -DBL_MAX;
+        const double upper = o.band ? o.band_upper : DBL_MAX;
         if (o.scale)
-            scaled.add_point(probed);
+            scaled.add_point(probed, lower, upper, 1.0);
         else
-            fit.add_point(probed, o.band ? o.band_lower : -DBL_MAX, o.band ? o.band_upper : DBL_MAX,
-                          1.0);
+            fit.add_point(probed, lower, upper, 1.0);
     }
     if (o.scale) {
         for (const BestfitPair& p : pairs) scaled.add_pair(point(p.measured), point(p.nominal));
         scaled.set_scale_centre(point(o.scale_centre));
         if (o.lock_rotations)
             scaled.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
+        if (o.lock_origin) scaled.lock_origin(point(o.origin), point(o.origin));
+        if (o.lock_axis)
+            scaled.lock_axis(tsSURFACE_BESTFIT_AXIS_DIRECTION, vector(o.axis), vector(o.axis),
+                             giPoint3(-DBL_MAX, 0, 0), giPoint3(-DBL_MAX, 0, 0));
         giXform3 T;
         const int status = scaled.fit(o.tolerance, T, r.scale);
         if (status <= 0) {
@@ -279,6 +280,7 @@ int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,
         r.max_signed = scaled.max_signed_distance();
         r.min_signed = scaled.min_signed_distance();
         r.unprojected = scaled.n_unprojected();
+        r.overdetermined = scaled.overdetermined_constraints().size();
         for (int i = 0; i < 3; ++i)
             for (int j = 0; j < 4; ++j) r.transform[i][j] = T(i, j);
         r.transform[3][3] = 1.0;
@@ -386,9 +388,10 @@ Options:
                        others are dropped and counted.
   --scale              fit a uniform scale s as well (an unknown scanner
                        scale, shrinkage, thermal expansion): measured x goes
-                       to R (c + s (x - c)) + t. Takes --lock-rotations, not
-                       the other locks nor --band. A surface that does not
-                       fix a scale (a single plane) is refused.
+                       to R (c + s (x - c)) + t. Takes every lock and --band
+                       (a locked origin is also the centre the part scales
+                       about). A surface that does not fix a scale (a single
+                       plane) is refused.
   --scale-centre X,Y,Z the centre c of the scale (default 0,0,0).
   --pairs FILE         rows "mx my mz nx ny nz": measured points and their
                        nominal partners (at least 3, not on one line) for a
