@@ -198,25 +198,17 @@ int parse_align_options(const std::vector<std::string>& args, AlignOptions& o, s
 
 bool read_align_entries(std::istream& in, std::vector<AlignEntry>& entries, std::string& error) {
     entries.clear();
-    std::string line, message;
-    std::vector<std::string> fields;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = split_point_fields(line, fields, message);
-        if (status == 0) continue;
-        AlignEntry e;
-        if (status < 0 || !parse_entry(fields, e, message)) {
-            error = "line " + std::to_string(number) + ": " + message;
-            return false;
-        }
-        e.line = number;
-        entries.push_back(e);
-    }
-    if (in.bad()) {
-        error = "cannot read the file";
-        return false;
-    }
-    return true;
+    return read_field_rows(
+        in,
+        [&](const std::string&, std::vector<std::string>& fields, int number,
+            std::string& message) {
+            AlignEntry e;
+            if (!parse_entry(fields, e, message)) return false;
+            e.line = number;
+            entries.push_back(e);
+            return true;
+        },
+        error);
 }
 
 int align_entries(const AlignOptions& o, const std::vector<AlignEntry>& entries, AlignReport& r,

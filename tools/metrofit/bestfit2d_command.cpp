@@ -128,25 +128,16 @@ int parse_bestfit2d_options(const std::vector<std::string>& args, Bestfit2dOptio
 bool read_bestfit2d_points(std::istream& in, std::vector<Bestfit2dPoint>& points,
                            std::string& error) {
     points.clear();
-    std::string line, message;
-    std::vector<double> row;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = parse_point_line(line, row, message);
-        if (status == 0) continue;
-        Bestfit2dPoint p;
-        if (status < 0 || !parse_row(row, p, message)) {
-            error = "line " + std::to_string(number) + ": " + message;
-            return false;
-        }
-        p.line = number;
-        points.push_back(p);
-    }
-    if (in.bad()) {
-        error = "cannot read the file";
-        return false;
-    }
-    return true;
+    return read_number_rows(
+        in,
+        [&](std::vector<double>& row, int number, std::string& message) {
+            Bestfit2dPoint p;
+            if (!parse_row(row, p, message)) return false;
+            p.line = number;
+            points.push_back(p);
+            return true;
+        },
+        error);
 }
 
 int bestfit2d_points(const Bestfit2dOptions& o, const tsCurve2& contour,

@@ -18,34 +18,6 @@ namespace {
 // triangles keeps its exact normal.
 const giAngle kFlatAngle(giANGLE_RADIANS, 1e-9);
 
-// One data row of numbers into a point, or says why not.
-bool parse_row(const std::vector<double>& row, BestfitPoint& p, std::string& error) {
-    p = BestfitPoint();
-    const std::size_t n = row.size();
-    if (n != 3 && n != 6 && n != 7) {
-        error = "expected 3, 6 or 7 numbers (x y z [nx ny nz [r]]), found " + std::to_string(n);
-        return false;
-    }
-    for (int k = 0; k < 3; ++k) p.position[k] = row[k];
-    if (n == 3) return true;
-    const double length = std::hypot(std::hypot(row[3], row[4]), row[5]);
-    if (!(length > 0.0)) {
-        error = "the approximate normal has no length";
-        return false;
-    }
-    p.has_normal = true;
-    for (int k = 0; k < 3; ++k) p.normal[k] = row[3 + k] / length;
-    if (n == 7) {
-        if (!(row[6] >= 0.0)) {
-            error = "the probe radius must be at least 0, not " + formatted_number(row[6], "%.10g");
-            return false;
-        }
-        p.has_radius = true;
-        p.radius = row[6];
-    }
-    return true;
-}
-
 giPoint3 point(const double p[3]) { return giPoint3(p[0], p[1], p[2]); }
 
 // Why a scaled fit failed, for its status.
@@ -162,55 +134,66 @@ int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& 
     return kExitOk;
 }
 
-bool read_bestfit_pairs(std::istream& in, std::vector<BestfitPair>& pairs, std::string& error) {
-    pairs.clear();
-    std::string line, message;
-    std::vector<double> row;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = parse_point_line(line, row, message);
-        if (status == 0) continue;
-        if (status > 0 && row.size() != 6)
-            message = "expected 6 numbers (mx my mz nx ny nz), found " + std::to_string(row.size());
-        if (status < 0 || row.size() != 6) {
-            error = "line " + std::to_string(number) + ": " + message;
+bool parse_bestfit_row(const std::vector<double>& row, BestfitPoint& p, std::string& error) {
+    p = BestfitPoint();
+    const std::size_t n = row.size();
+    if (n != 3 && n != 6 && n != 7) {
+        error = "expected 3, 6 or 7 numbers (x y z [nx ny nz [r]]), found " + std::to_string(n);
+        return false;
+    }
+    for (int k = 0; k < 3; ++k) p.position[k] = row[k];
+    if (n == 3) return true;
+    const double length = std::hypot(std::hypot(row[3], row[4]), row[5]);
+    if (!(length > 0.0)) {
+        error = "the approximate normal has no length";
+        return false;
+    }
+    p.has_normal = true;
+    for (int k = 0; k < 3; ++k) p.normal[k] = row[3 + k] / length;
+    if (n == 7) {
+        if (!(row[6] >= 0.0)) {
+            error = "the probe radius must be at least 0, not " + formatted_number(row[6], "%.10g");
             return false;
         }
-        BestfitPair p;
-        for (int k = 0; k < 3; ++k) {
-            p.measured[k] = row[k];
-            p.nominal[k] = row[3 + k];
-        }
-        pairs.push_back(p);
-    }
-    if (in.bad()) {
-        error = "cannot read the file";
-        return false;
+        p.has_radius = true;
+        p.radius = row[6];
     }
     return true;
 }
 
+bool read_bestfit_pairs(std::istream& in, std::vector<BestfitPair>& pairs, std::string& error) {
+    pairs.clear();
+    return read_number_rows(
+        in,
+        [&](std::vector<double>& row, int, std::string& message) {
+            if (row.size() != 6) {
+                message =
+                    "expected 6 numbers (mx my mz nx ny nz), found " + std::to_string(row.size());
+                return false;
+            }
+            BestfitPair p;
+            for (int k = 0; k < 3; ++k) {
+                p.measured[k] = row[k];
+                p.nominal[k] = row[3 + k];
+            }
+            pairs.push_back(p);
+            return true;
+        },
+        error);
+}
+
 bool read_bestfit_points(std::istream& in, std::vector<BestfitPoint>& points, std::string& error) {
     points.clear();
-    std::string line, message;
-    std::vector<double> row;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = parse_point_line(line, row, message);
-        if (status == 0) continue;
-        BestfitPoint p;
-        if (status < 0 || !parse_row(row, p, message)) {
-            error = "line " + std::to_string(number) + ": " + message;
-            return false;
-        }
-        p.line = number;
-        points.push_back(p);
-    }
-    if (in.bad()) {
-        error = "cannot read the file";
-        return false;
-    }
-    return true;
+    return read_number_rows(
+        in,
+        [&](std::vector<double>& row, int number, std::string& message) {
+            BestfitPoint p;
+            if (!parse_bestfit_row(row, p, message)) return false;
+            p.line = number;
+            points.push_back(p);
+            return true;
+        },
+        error);
 }
 
 int bestfit_points(const BestfitOptions& o, const srkMeshSurf& surface,

@@ -86,6 +86,10 @@ struct BestfitPoint {
 // before it.
 bool read_bestfit_points(std::istream& in, std::vector<BestfitPoint>& points, std::string& error);
 
+// One row of numbers (x y z, or x y z nx ny nz [r]) into a point; false
+// with the reason in `error`.
+bool parse_bestfit_row(const std::vector<double>& row, BestfitPoint& p, std::string& error);
+
 // A measured point and its nominal partner, for the rough start.
 struct BestfitPair {
     double measured[3] = {0, 0, 0};

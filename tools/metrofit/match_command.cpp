@@ -161,33 +161,26 @@ int parse_match_options(const std::vector<std::string>& args, MatchOptions& o, s
 
 bool read_match_pairs(std::istream& in, MatchPairs& pairs, std::string& error) {
     pairs = MatchPairs();
-    std::string line, message;
-    std::vector<double> row;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = parse_point_line(line, row, message);
-        if (status == 0) continue;
-        const int columns = static_cast<int>(row.size());
-        if (status > 0 && pairs.dimension == 0 && (columns == 4 || columns == 6))
-            pairs.dimension = columns / 2;
-        if (status > 0 && columns != 2 * pairs.dimension)
-            message = pairs.dimension == 0
-                          ? "expected 6 numbers (mx my mz qx qy qz) or 4 (mx my qx qy), found " +
-                                std::to_string(columns)
-                          : "expected " + std::to_string(2 * pairs.dimension) +
-                                " numbers like the first pair, found " + std::to_string(columns);
-        if (status < 0 || columns != 2 * pairs.dimension) {
-            error = "line " + std::to_string(number) + ": " + message;
-            return false;
-        }
-        pairs.measured.insert(pairs.measured.end(), row.begin(), row.begin() + pairs.dimension);
-        pairs.nominal.insert(pairs.nominal.end(), row.begin() + pairs.dimension, row.end());
-    }
-    if (in.bad()) {
-        error = "cannot read the file";
-        return false;
-    }
-    return true;
+    return read_number_rows(
+        in,
+        [&](std::vector<double>& row, int, std::string& message) {
+            const int columns = static_cast<int>(row.size());
+            if (pairs.dimension == 0 && (columns == 4 || columns == 6))
+                pairs.dimension = columns / 2;
+            if (columns != 2 * pairs.dimension) {
+                message =
+                    pairs.dimension == 0
+                        ? "expected 6 numbers (mx my mz qx qy qz) or 4 (mx my qx qy), found " +
+                              std::to_string(columns)
+                        : "expected " + std::to_string(2 * pairs.dimension) +
+                              " numbers like the first pair, found " + std::to_string(columns);
+                return false;
+            }
+            pairs.measured.insert(pairs.measured.end(), row.begin(), row.begin() + pairs.dimension);
+            pairs.nominal.insert(pairs.nominal.end(), row.begin() + pairs.dimension, row.end());
+            return true;
+        },
+        error);
 }
 
 int match_pairs(const MatchOptions& o, const MatchPairs& p, MatchReport& r, std::string& message) {

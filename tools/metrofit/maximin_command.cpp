@@ -95,49 +95,27 @@ int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& 
 bool read_maximin_points(std::istream& in, bool lower_column, std::vector<MaximinPoint>& points,
                          std::string& error) {
     points.clear();
-    std::string line, message;
-    std::vector<double> row;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = parse_point_line(line, row, message);
-        if (status == 0) continue;
-        if (status < 0) {
-            error = "line " + std::to_string(number) + ": " + message;
-            return false;
-        }
-        MaximinPoint p;
-        if (lower_column) {
-            if (row.size() != 4 && row.size() != 7 && row.size() != 8) {
-                error = "line " + std::to_string(number) +
-                        ": expected 4, 7 or 8 numbers (x y z [nx ny nz [r]] lower), found " +
-                        std::to_string(row.size());
-                return false;
+    return read_number_rows(
+        in,
+        [&](std::vector<double>& row, int number, std::string& message) {
+            MaximinPoint p;
+            if (lower_column) {
+                if (row.size() != 4 && row.size() != 7 && row.size() != 8) {
+                    message = "expected 4, 7 or 8 numbers (x y z [nx ny nz [r]] lower), found " +
+                              std::to_string(row.size());
+                    return false;
+                }
+                p.has_lower = true;
+                p.lower = row.back();
+                row.pop_back();
             }
-            p.has_lower = true;
-            p.lower = row.back();
-            row.pop_back();
-        }
-        // The rest is a bestfit row: its reader checks it (the numbers are
-        // written back exactly, %.17g).
-        std::string text;
-        for (double v : row) text += formatted_number(v, "%.17g") + " ";
-        std::istringstream one(text);
-        std::vector<BestfitPoint> parsed;
-        if (!read_bestfit_points(one, parsed, message) || parsed.size() != 1) {
-            const std::size_t colon = message.find(": ");
-            error = "line " + std::to_string(number) + ": " +
-                    (colon == std::string::npos ? message : message.substr(colon + 2));
-            return false;
-        }
-        p.point = parsed[0];
-        p.point.line = number;
-        points.push_back(p);
-    }
-    if (in.bad()) {
-        error = "cannot read the file";
-        return false;
-    }
-    return true;
+            // The rest is a bestfit row.
+            if (!parse_bestfit_row(row, p.point, message)) return false;
+            p.point.line = number;
+            points.push_back(p);
+            return true;
+        },
+        error);
 }
 
 int maximin_points(const MaximinOptions& o, const srkMeshSurf& surface,

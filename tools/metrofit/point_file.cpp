@@ -88,33 +88,71 @@ int parse_point_line(const std::string& line, std::vector<double>& row, std::str
     return 1;
 }
 
-bool read_point_table(std::istream& in, int columns, const std::string& column_names,
-                      PointTable& table, std::string& error) {
-    table = PointTable();
-    table.columns = columns;
+namespace {
+
+// The loop of both readers: `take_line` gets each line and its number and
+// says 0 (no data), 1 (taken) or -1 (refused, with the message).
+bool read_lines(std::istream& in,
+                const std::function<int(const std::string&, int, std::string&)>& take_line,
+                std::string& error) {
     std::string line, message;
-    std::vector<double> row;
     for (int number = 1; std::getline(in, line); ++number) {
         if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = parse_point_line(line, row, message);
-        if (status < 0) {
+        if (take_line(line, number, message) < 0) {
             error = "line " + std::to_string(number) + ": " + message;
             return false;
         }
-        if (status == 0) continue;
-        if (static_cast<int>(row.size()) != columns) {
-            error = "line " + std::to_string(number) + ": expected " + std::to_string(columns) +
-                    " numbers (" + column_names + "), found " + std::to_string(row.size());
-            return false;
-        }
-        table.values.insert(table.values.end(), row.begin(), row.end());
-        table.lines.push_back(number);
     }
     if (in.bad()) {
         error = "cannot read the file";
         return false;
     }
     return true;
+}
+
+}  // namespace
+
+bool read_number_rows(std::istream& in, const NumberRowTaker& take, std::string& error) {
+    std::vector<double> row;
+    return read_lines(
+        in,
+        [&](const std::string& line, int number, std::string& message) {
+            const int status = parse_point_line(line, row, message);
+            if (status <= 0) return status;
+            return take(row, number, message) ? 1 : -1;
+        },
+        error);
+}
+
+bool read_field_rows(std::istream& in, const FieldRowTaker& take, std::string& error) {
+    std::vector<std::string> fields;
+    return read_lines(
+        in,
+        [&](const std::string& line, int number, std::string& message) {
+            const int status = split_point_fields(line, fields, message);
+            if (status <= 0) return status;
+            return take(line, fields, number, message) ? 1 : -1;
+        },
+        error);
+}
+
+bool read_point_table(std::istream& in, int columns, const std::string& column_names,
+                      PointTable& table, std::string& error) {
+    table = PointTable();
+    table.columns = columns;
+    return read_number_rows(
+        in,
+        [&](std::vector<double>& row, int number, std::string& message) {
+            if (static_cast<int>(row.size()) != columns) {
+                message = "expected " + std::to_string(columns) + " numbers (" + column_names +
+                          "), found " + std::to_string(row.size());
+                return false;
+            }
+            table.values.insert(table.values.end(), row.begin(), row.end());
+            table.lines.push_back(number);
+            return true;
+        },
+        error);
 }
 
 }  // namespace metrofit_tool

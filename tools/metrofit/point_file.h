@@ -12,6 +12,7 @@
 // message that names the line.
 #pragma once
 
+#include <functional>
 #include <istream>
 #include <string>
 #include <vector>
@@ -38,6 +39,19 @@ int split_point_fields(const std::string& line, std::vector<std::string>& fields
 // a line without data (blank or comment only; `row` empty), -1 with a
 // message in `error` for a bad line.
 int parse_point_line(const std::string& line, std::vector<double>& row, std::string& error);
+
+// Reads every line of `in` (a byte-order mark before the first is skipped)
+// and hands each data line to `take` with its line number: as numbers
+// (read_number_rows) or as fields (read_field_rows). Returns false with
+// "line N: message" in `error` at the first line that is malformed or that
+// `take` refuses (its reason in the message), "cannot read the file" when
+// the stream fails, true otherwise.
+using NumberRowTaker =
+    std::function<bool(std::vector<double>& row, int line, std::string& message)>;
+using FieldRowTaker = std::function<bool(const std::string& text, std::vector<std::string>& fields,
+                                         int line, std::string& message)>;
+bool read_number_rows(std::istream& in, const NumberRowTaker& take, std::string& error);
+bool read_field_rows(std::istream& in, const FieldRowTaker& take, std::string& error);
 
 // Reads every line of `in`; each data line must hold `columns` numbers,
 // named by `column_names` (e.g. "x y z") in messages. On a bad line returns

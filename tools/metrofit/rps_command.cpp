@@ -298,21 +298,12 @@ int parse_rps_options(const std::vector<std::string>& args, RpsOptions& o, std::
 bool read_rps_description(std::istream& in, RpsDescription& d, std::string& error) {
     d = RpsDescription();
     Settings seen;
-    std::string line, message;
-    std::vector<std::string> fields;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const int status = split_point_fields(line, fields, message);
-        if (status == 0) continue;
-        if (status < 0 || !parse_line(line, fields, number, d, seen, message)) {
-            error = "line " + std::to_string(number) + ": " + message;
-            return false;
-        }
-    }
-    if (in.bad()) {
-        error = "cannot read the file";
-        return false;
-    }
+    const bool read = read_field_rows(
+        in,
+        [&](const std::string& line, std::vector<std::string>& fields, int number,
+            std::string& message) { return parse_line(line, fields, number, d, seen, message); },
+        error);
+    if (!read) return false;
     if (!seen.surface) {
         error = "the description names no surface (a line 'surface PART.stl')";
         return false;
