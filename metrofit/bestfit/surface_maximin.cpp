@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <vector>
 
 #include "metrofit/platform/maths/constrained_quadratic.h"
 #include "metrofit/platform/maths/eigen.h"
@@ -31,6 +32,9 @@ const int kMaxStages = 8;
 // Points at a level beyond this many are all held without the test of
 // which of them bind (a test that costs one small programme each).
 const int kMaxClassified = 256;
+// A free point whose gradient over the motions left is shorter than this
+// (units of L) is settled: no motion left moves it.
+const double kSettled = 1e-9;
 
 bool is_finite(double v) { return std::isfinite(v); }
 
@@ -402,15 +406,33 @@ int tsSurfaceMaximin::fit(double tolerance, giXform3& xform, double& margin, int
         if (!even_ || stage + 1 == kMaxStages) break;
         // The free points at the level (lin's rows, in point order) that no
         // motion keeping the others there can raise are held at it.
-        intcoDynArr at_level, row_point;
+        intcoDynArr at_level;
+        std::vector<int> row_point;
         for (int i = 0; i < n; ++i) {
             if (current[i].invalid() || floors[i] != -DBL_MAX) continue;
             if (current[i].signed_distance() - lower_limits_.read(i) - level <= hold)
-                at_level.append(row_point.size());
-            row_point.append(i);
+                at_level.append(static_cast<int>(row_point.size()));
+            row_point.push_back(i);
         }
-        for (int r : binding_rows(lin, at_level)) floors[row_point[r]] = level;
+        // When none binds, the stage stopped within the tolerance of its
+        // optimum: all of them are held, so that every stage holds a point.
+        const intcoDynArr binding = binding_rows(lin, at_level);
+        for (int r : binding.size() ? binding : at_level) floors[row_point[r]] = level;
         linearise(current, floors, lin);
+        // Free points that no motion left moves (their gradients lie in the
+        // span of the held ones) are settled where they are.
+        row_point.clear();
+        for (int i = 0; i < n; ++i)
+            if (!current[i].invalid() && floors[i] == -DBL_MAX) row_point.push_back(i);
+        int settled = 0;
+        for (int r = 0; r < lin.excess.size(); ++r) {
+            double square = 0.0;
+            for (int j = 0; j < lin.n_vars; ++j) square += lin.rows(r, j) * lin.rows(r, j);
+            if (square > kSettled * kSettled) continue;
+            floors[row_point[r]] = lin.excess[r] * lin.scale;
+            ++settled;
+        }
+        if (settled) linearise(current, floors, lin);
         if (lin.excess.size() == 0 || lin.n_vars == 0) break;
         // An evening stage keeps every level reached; where it stops (its
         // own limits) does not change the status of the margin.

@@ -47,7 +47,11 @@
 // first-order motion keeping all of them from dropping can raise are held
 // (one small programme per point; beyond 256 such points all are held;
 // a point that merely touches the level, such as a face that had to come
-// up to it, stays free and rises later), the next stage
+// up to it, stays free and rises later; when none binds, the stage stopped
+// within the tolerance of its optimum and all are held); free points that
+// no motion left can move (their gradients lie in the span of the held
+// ones, as every point of a face whose least stock is held) are settled
+// where they are; the next stage
 // runs the same iteration on the remaining (free) points over the motions
 // that leave every held deviation unchanged to first order (the null space
 // of the held gradients: at a maximin optimum the holding gradients enclose

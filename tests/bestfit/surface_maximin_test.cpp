@@ -39,7 +39,8 @@ struct RawBlock {
 
 // Points on the raw block whose face f stands stock[f] outside the box,
 // `per_face` on each face well inside it, moved by `motion`.
-RawBlock raw_block(const double stock[6], int per_face, const giXform3& motion) {
+RawBlock raw_block(const double stock[6], int per_face, const giXform3& motion,
+                   double noise = 0.0) {
     RawBlock b;
     Rng rng(7);
     const double size[3] = {100, 80, 60};
@@ -48,7 +49,8 @@ RawBlock raw_block(const double stock[6], int per_face, const giXform3& motion) 
             const int axis = f / 2;
             double c[3];
             for (int j = 0; j < 3; ++j) c[j] = size[j] * rng.uniform(0.15, 0.85);
-            c[axis] = (f % 2 ? size[axis] : 0.0) + (f % 2 ? stock[f] : -stock[f]);
+            const double out = stock[f] + (noise > 0.0 ? rng.normal(noise) : 0.0);
+            c[axis] = (f % 2 ? size[axis] : 0.0) + (f % 2 ? out : -out);
             const giVector3 n(kNormals[f][0], kNormals[f][1], kNormals[f][2]);
             b.points.push_back(tsFitPoint3coPrf(new tsProbedPoint3(
                 motion * giPoint3(c[0], c[1], c[2]), giUnitVec3(motion * n), 0.0)));
@@ -193,6 +195,33 @@ TEST(SurfaceMaximin, EvensTheStockTheMarginLeavesFree) {
         for (int i = 0; i < cloud.size(); ++i)
             EXPECT_NEAR(cloud[i].signed_distance(), evened[block.face[i]], 1e-9) << i;
     }
+}
+
+TEST(SurfaceMaximin, EvensANoisyBlockFaceAgainstFace) {
+    // With noise the levels hold single points, but the evening still
+    // balances the least stock of opposite faces: each pair of faces ends
+    // with equal smallest stock, the y pair at the margin.
+    const auto mesh = box_mesh();
+    const tsSurfProjectorForFitting3 projector(mesh.get());
+    const giXform3 moved = giXform3(giVector3(0.4, -0.3, 0.2)) *
+                           giXform3::rotation(giPoint3(50, 40, 30), giVector3(1, 2, -1),
+                                              giAngle(giANGLE_DEGREES, 0.5));
+    const double stock[6] = {1.5, 3, 0.5, 1.5, 2, 4};
+    const RawBlock block = raw_block(stock, 200, moved, 0.01);
+    tsSurfaceMaximin fit;
+    fit.set_projector(&projector);
+    for (const tsFitPoint3coPrf& p : block.points) fit.add_point(p);
+    const Result r = run(fit);
+    ASSERT_EQ(r.status, tsSURFACE_MAXIMIN_CONVERGED);
+    EXPECT_EQ(fit.levels().size(), 3);
+    double least[6] = {DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX};
+    const tsProjectedPoint3coDynArr& cloud = fit.get_pointcloud();
+    for (int i = 0; i < cloud.size(); ++i)
+        least[block.face[i]] = std::min(least[block.face[i]], cloud[i].signed_distance());
+    for (int pair = 0; pair < 3; ++pair) EXPECT_NEAR(least[2 * pair], least[2 * pair + 1], 1e-8);
+    EXPECT_NEAR(least[2], r.margin, 1e-12);
+    EXPECT_NEAR(least[0], 2.25, 0.05);
+    EXPECT_NEAR(least[4], 3.0, 0.05);
 }
 
 TEST(SurfaceMaximin, CentresAShellOnASphereAndRepeatsItself) {
