@@ -38,6 +38,21 @@ const double kSettled = 1e-9;
 
 bool is_finite(double v) { return std::isfinite(v); }
 
+// A finite rotation and shift (the linear part orthonormal to 1e-9).
+bool is_rigid(const giXform3& x) {
+    if (!x.is_set()) return false;
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 4; ++c)
+            if (!is_finite(x(r, c))) return false;
+    for (int a = 0; a < 3; ++a)
+        for (int b = 0; b < 3; ++b) {
+            double d = 0.0;
+            for (int k = 0; k < 3; ++k) d += x(k, a) * x(k, b);
+            if (std::fabs(d - (a == b ? 1.0 : 0.0)) > 1e-9) return false;
+        }
+    return x.determinant() > 0.0;
+}
+
 }  // namespace
 
 // The tangent planes of the valid points about their centroid, in units of
@@ -359,13 +374,14 @@ int tsSurfaceMaximin::fit(double tolerance, giXform3& xform, double& margin, int
     levels_.clear(0);
     if (points_.size() == 0) return tsSURFACE_MAXIMIN_NO_POINTS;
     if (!projector_) return tsSURFACE_MAXIMIN_NO_PROJECTOR;
-    if (!is_finite(tolerance) || tolerance < 0.0) return tsSURFACE_MAXIMIN_BAD_INPUT;
+    if (!is_finite(tolerance) || tolerance < 0.0 || !is_rigid(start_))
+        return tsSURFACE_MAXIMIN_BAD_INPUT;
 
     const int n = points_.size();
     doublecoDynArr floors;
     floors.expand(n);
     for (int i = 0; i < n; ++i) floors[i] = -DBL_MAX;
-    giXform3 T(giIdentity);
+    giXform3 T = start_;
     tsProjectedPoint3coDynArr current;
     project_all(T, current);
     int n_valid = 0, held_kept = 1;

@@ -72,8 +72,11 @@
 // - iteration limit: 100 steps, kept or not (per stage);
 // - stalled: D fell below 1e-12 without a kept step (the linearisation no
 //   longer predicts the surface: a kink of the nominal, for instance).
-// Each fit starts from the identity: points that need a rough pre-alignment
-// must be given already moved (or fitted first by tsSurfaceBestfit).
+// Each fit starts from the identity, or from set_start(T): a part that lies
+// far off needs such a rough pre-alignment (the least-squares fit of
+// tsSurfaceBestfit, for instance), since the iteration is local. A start
+// that is not a finite rigid motion is refused (bad input). The transform
+// returned includes the start.
 //
 // Locks: lock_rotations(a[, b, c]) forbids every rotation and lets the
 // points shift only in the span of the given vectors (an unset vector, x
@@ -85,7 +88,8 @@
 //     and the holding points: those whose excess lies within
 //     max(tolerance, 1e-9 L) of the margin;
 //   0 no points; -1 no projector; -2 no point projects under the identity;
-//   -3 bad input (a tolerance that is negative or not finite);
+//   -3 bad input (a tolerance that is negative or not finite, a start that
+//     is not a finite rigid motion);
 //   -4 unbounded: at the start a motion raises every deviation at once (the
 //     points do not enclose the part, e.g. all of them on one face), so the
 //     margin has no maximum.
@@ -125,6 +129,8 @@ class tsSurfaceMaximin {
     int add_point(const tsFitPoint3coPrf& p) { return add_point(p, 0.0); }
     int add_point(const tsFitPoint3coPrf& p, double lower_limit);
     void lock_rotations(const giVector3& a, const giVector3& b, const giVector3& c);
+    // The pose the next fits start from (measured -> nominal).
+    void set_start(const giXform3& start) { start_ = start; }
 
     // The fit (see above). xform: measured -> nominal; margin: the smallest
     // d_i - lower_i over the points that project; holding: the indices of
@@ -180,6 +186,7 @@ class tsSurfaceMaximin {
     const tsFitPointProjector3* projector_ = nullptr;
     tsProjectedPoint3coDynArr projected_;
     giXform3 transformation_ = giXform3(giIdentity);
+    giXform3 start_ = giXform3(giIdentity);
     int iterations_ = 0;
     int even_ = 1;
     doublecoDynArr levels_;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "metrofit/bestfit/surface_bestfit.h"
 #include "metrofit/platform/surface/analytic_surfaces.h"
 #include "metrofit/platform/surface/mesh_surface.h"
 #include "tests/support/random.h"
@@ -222,6 +223,40 @@ TEST(SurfaceMaximin, EvensANoisyBlockFaceAgainstFace) {
     EXPECT_NEAR(least[2], r.margin, 1e-12);
     EXPECT_NEAR(least[0], 2.25, 0.05);
     EXPECT_NEAR(least[4], 3.0, 0.05);
+}
+
+TEST(SurfaceMaximin, StartsFromAGivenPose) {
+    // A raw block turned by 25 degrees: the least-squares bestfit's pose as
+    // the start brings it home, and the margin is the known one; a start
+    // that is not a rigid motion is refused.
+    const auto mesh = box_mesh();
+    const tsSurfProjectorForFitting3 projector(mesh.get());
+    const giXform3 far = giXform3(giVector3(5, -3, 2)) *
+                         giXform3::rotation(giPoint3(50, 40, 30), giVector3(1, 2, -1),
+                                            giAngle(giANGLE_DEGREES, 25.0));
+    const double stock[6] = {1.5, 3, 0.5, 1.5, 2, 4};
+    const RawBlock block = raw_block(stock, 6, far);
+    tsSurfaceBestfit rough;
+    rough.set_projector(&projector);
+    for (const tsFitPoint3coPrf& p : block.points) rough.add_point(p);
+    giXform3 start;
+    double a = 0, b = 0, c = 0;
+    int unprojected = 0;
+    rough.fit(1e-9, start, a, b, c, unprojected);
+    tsSurfaceMaximin fit;
+    fit.set_projector(&projector);
+    for (const tsFitPoint3coPrf& p : block.points) fit.add_point(p);
+    fit.set_start(start);
+    const Result r = run(fit);
+    EXPECT_EQ(r.status, tsSURFACE_MAXIMIN_CONVERGED);
+    EXPECT_NEAR(r.margin, 1.0, 1e-9);
+    // The transform returned carries the points from where they were given:
+    // undoing the turn, then centring the raw block (evened on every axis).
+    for (const giPoint3& q : {giPoint3(0, 0, 0), giPoint3(100, 80, 60), giPoint3(100, 0, 0)})
+        EXPECT_LT((r.T * (far * q) - (q - giVector3(0.75, 0.5, 1.0))).length(), 1e-8);
+
+    fit.set_start(giXform3::scaling(1.01, 1.01, 1.01));
+    EXPECT_EQ(run(fit).status, tsSURFACE_MAXIMIN_BAD_INPUT);
 }
 
 TEST(SurfaceMaximin, CentresAShellOnASphereAndRepeatsItself) {

@@ -90,6 +90,7 @@ TEST(MaximinCommand, ReportsTheKnownMarginAndItsHoldingPoints) {
         {"common lower limit", {"--lower", "0.25"}, "", 0.75, "\"holding\": [5, 6, 7, 8]"},
         {"lower column", {"--lower-column"}, " 0", 1.0, "\"holding\": [5, 6, 7, 8]"},
         {"shifts only", {"--lock-rotations"}, "", 1.0, "\"holding\": [5, 6, 7, 8]"},
+        {"from the bestfit", {"--bestfit-first"}, "", 1.0, "\"holding\": [5, 6, 7, 8]"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

@@ -5,6 +5,7 @@
 #include <limits>
 #include <sstream>
 
+#include "metrofit/bestfit/surface_bestfit.h"
 #include "metrofit/bestfit/surface_maximin.h"
 #include "tools/metrofit/fit_command.h"
 #include "tools/metrofit/point_file.h"
@@ -31,7 +32,8 @@ const char* status_name(int status) {
 }  // namespace
 
 bool is_maximin_command(const std::vector<std::string>& args) {
-    return command_is(args, "maximin", {"--lock-rotations", "--lower-column", "--no-even"});
+    return command_is(args, "maximin",
+                      {"--lock-rotations", "--lower-column", "--no-even", "--bestfit-first"});
 }
 
 int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& o,
@@ -47,6 +49,8 @@ int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& 
             o.lock_rotations = true;
         } else if (a == "--no-even") {
             o.even = false;
+        } else if (a == "--bestfit-first") {
+            o.bestfit_first = true;
         } else if (a == "--lower-column") {
             o.lower_column = true;
         } else if (valued_option(args, i, "--surface", surface_given, value, error)) {
@@ -73,7 +77,7 @@ int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& 
         } else if (a.size() > 1 && a[0] == '-') {
             error = "unknown option '" + a +
                     "' for maximin (it takes --surface, --probe-radius, --lower, --lower-column, "
-                    "--tolerance, --lock-rotations, --no-even and --json)";
+                    "--tolerance, --lock-rotations, --no-even, --bestfit-first and --json)";
             return kExitUsage;
         } else {
             positional.push_back(a);
@@ -154,6 +158,25 @@ int maximin_points(const MaximinOptions& o, const srkMeshSurf& surface,
     if (o.lock_rotations)
         fit.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
     fit.set_even(o.even ? 1 : 0);
+    if (o.bestfit_first) {
+        // The least-squares fit of the same points as the start: it brings a
+        // part that lies far off close to its place.
+        tsSurfaceBestfit rough;
+        rough.set_projector(&projector);
+        for (int i = 0; i < fit.nb_points(); ++i) rough.add_point(fit.point(i));
+        if (o.lock_rotations)
+            rough.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
+        giXform3 start;
+        double max_distance = 0.0, max_signed = 0.0, min_signed = 0.0;
+        int unprojected = 0;
+        rough.fit(o.tolerance > 1e-6 ? o.tolerance : 1e-6, start, max_distance, max_signed,
+                  min_signed, unprojected);
+        if (!start.is_set() || unprojected == fit.nb_points()) {
+            message = "no point projects onto the surface";
+            return kExitRefused;
+        }
+        fit.set_start(start);
+    }
 
     const double nan = std::numeric_limits<double>::quiet_NaN();
     for (int i = 0; i < r.points; ++i) {
@@ -230,7 +253,8 @@ std::string format_maximin_json(const MaximinReport& r) {
 std::string maximin_usage_text() {
     return R"(Usage: metrofit maximin --surface FILE.stl <points> [--probe-radius R]
                         [--lower L | --lower-column] [--tolerance T]
-                        [--lock-rotations] [--no-even] [--json]
+                        [--lock-rotations] [--no-even] [--bestfit-first]
+                        [--json]
 
 maximin: the rigid motion (rotation and shift) that carries measured points
 onto a nominal surface, a triangle mesh read from an STL file (the facets'
@@ -254,6 +278,9 @@ Options:
   --no-even            the margin only: leave the motions it does not fix
                        where the iteration stops instead of evening the
                        rest of the stock.
+  --bestfit-first      start from the least-squares fit of the points (as
+                       `metrofit bestfit` finds it) instead of where they
+                       lie: for a part measured far from its place.
   --json               print one JSON object instead of the text report.
   -h, --help           print this help and exit.
 
@@ -263,7 +290,7 @@ raise the smallest deviation of the others (a block tightest across y is
 then also centred along x and z).
 
 The fit starts from the points as given: a part turned by more than a few
-degrees needs a rough alignment first (metrofit bestfit).
+degrees needs a rough alignment first (--bestfit-first).
 
 Report: the 4 x 4 transform (measured -> nominal, last row 0 0 0 1); the
 point count; how the fit ended (converged, iteration limit, stalled); the

@@ -36,7 +36,8 @@ struct MaximinOptions {
     double lower = 0.0;         // every point's lower limit
     bool lower_column = false;  // the last number of a row is its lower limit
     bool lock_rotations = false;
-    bool even = true;  // even the stock the margin leaves free
+    bool even = true;            // even the stock the margin leaves free
+    bool bestfit_first = false;  // start from the least-squares fit
 };
 
 // Whether the first argument that is not a flag is "maximin".
