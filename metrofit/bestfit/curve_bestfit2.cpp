@@ -143,19 +143,8 @@ void tsCurveBestfit2::get_pointcloud_parameters(const tsProjectedPoint2coDynArr&
                                                 double& max_distance, double& max_signed_distance,
                                                 double& min_signed_distance, int& n_invalid,
                                                 int& n_valid) {
-    max_distance = max_signed_distance = min_signed_distance = 0.0;
-    n_invalid = n_valid = 0;
-    for (const tsProjectedPoint2& p : pts) {
-        if (p.invalid()) {
-            ++n_invalid;
-            continue;
-        }
-        ++n_valid;
-        max_distance = std::max(max_distance, static_cast<double>(p.distance()));
-        const double s = p.signed_distance();
-        max_signed_distance = std::max(max_signed_distance, s);
-        min_signed_distance = std::min(min_signed_distance, s);
-    }
+    ts_pointcloud_parameters(pts, max_distance, max_signed_distance, min_signed_distance, n_invalid,
+                             n_valid);
 }
 
 int tsCurveBestfit2::do_iteration(giXform2& step) {

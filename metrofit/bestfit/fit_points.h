@@ -87,6 +87,27 @@ class tsProjectedPoint2 {
     giUnitVec2 nominal_normal_;
 };
 
+// Over the valid records of a cloud of projected points (2D or 3D): the
+// largest distance, the largest signed deviation (at least 0) and the
+// smallest (at most 0), with the counts of invalid and valid records.
+template <class Cloud>
+void ts_pointcloud_parameters(const Cloud& pts, double& max_distance, double& max_signed_distance,
+                              double& min_signed_distance, int& n_invalid, int& n_valid) {
+    max_distance = max_signed_distance = min_signed_distance = 0.0;
+    n_invalid = n_valid = 0;
+    for (const auto& p : pts) {
+        if (p.invalid()) {
+            ++n_invalid;
+            continue;
+        }
+        ++n_valid;
+        const double d = p.distance(), s = p.signed_distance();
+        if (d > max_distance) max_distance = d;
+        if (s > max_signed_distance) max_signed_distance = s;
+        if (s < min_signed_distance) min_signed_distance = s;
+    }
+}
+
 class tsFitPoint3 {
    public:
     virtual void initial_projection(tsProjectedPoint3& out,
