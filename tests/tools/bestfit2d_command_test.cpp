@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/tool_files.h"
 #include "tools/metrofit/fit_command.h"
 
 namespace {
@@ -31,11 +32,7 @@ Outcome run(std::vector<std::string> args, const std::string& input = "") {
 }
 
 std::string temp_file(const std::string& name, const std::string& content) {
-    const std::string path = ::testing::TempDir() + "metrofit_bestfit2d_" +
-                             ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
-                             std::to_string(::getpid()) + "_" + name;
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
+    return testsupport::temp_file("bestfit2d", name, content);
 }
 
 // A square 20 x 20 written clockwise (normals outside) with one rounded

@@ -13,6 +13,7 @@
 
 #include "metrofit/platform/geometry/xform.h"
 #include "tests/support/random.h"
+#include "tests/support/tool_files.h"
 #include "tools/metrofit/fit_command.h"
 
 namespace {
@@ -32,33 +33,11 @@ Outcome run(std::vector<std::string> args, const std::string& input) {
     return {status, out.str(), err.str()};
 }
 
-// One file per test and process: ctest runs tests in parallel.
 std::string temp_file(const std::string& name, const std::string& content) {
-    const std::string path = ::testing::TempDir() + "metrofit_bestfit_" +
-                             ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
-                             std::to_string(::getpid()) + "_" + name;
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
+    return testsupport::temp_file("bestfit", name, content);
 }
 
-// An ASCII STL of the box [0, 40] x [0, 30] x [0, 20] moved by `at`, wound
-// outward: two facets per face.
-std::string box_stl(const giVector3& at) {
-    const int faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
-                             {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
-    std::ostringstream s;
-    s.precision(17);
-    s << "solid box\n";
-    for (const auto& f : faces)
-        for (const int* t : {f, f + 1}) {
-            s << "facet normal 0 0 0\nouter loop\n";
-            for (int k : {f[0], t[1], t[2]})  // bit 0: x, bit 1: y, bit 2: z
-                s << "vertex " << 40 * (k & 1) + at.x() << " " << 30 * ((k >> 1) & 1) + at.y()
-                  << " " << 20 * (k >> 2) + at.z() << "\n";
-            s << "endloop\nendfacet\n";
-        }
-    return s.str() + "endsolid box\n";
-}
+std::string box_stl(const giVector3& at) { return testsupport::box_stl(at.x(), at.y(), at.z()); }
 
 // The numbers of "key" in the JSON report (its value ends at the next key).
 std::vector<double> json(const std::string& text, const std::string& key) {

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/tool_files.h"
 #include "tools/metrofit/fit_command.h"
 
 namespace {
@@ -30,30 +31,8 @@ Outcome run(std::vector<std::string> args, const std::string& input) {
     return {status, out.str(), err.str()};
 }
 
-// One file per test and process: ctest runs tests in parallel.
 std::string temp_file(const std::string& name, const std::string& content) {
-    const std::string path = ::testing::TempDir() + "metrofit_maximin_" +
-                             ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
-                             std::to_string(::getpid()) + "_" + name;
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
-}
-
-// An ASCII STL of the box [0, 40] x [0, 30] x [0, 20], wound outward.
-std::string box_stl() {
-    const int faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
-                             {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
-    std::ostringstream s;
-    s << "solid box\n";
-    for (const auto& f : faces)
-        for (const int* t : {f, f + 1}) {
-            s << "facet normal 0 0 0\nouter loop\n";
-            for (int k : {f[0], t[1], t[2]})
-                s << "vertex " << 40 * (k & 1) << " " << 30 * ((k >> 1) & 1) << " " << 20 * (k >> 2)
-                  << "\n";
-            s << "endloop\nendfacet\n";
-        }
-    return s.str() + "endsolid box\n";
+    return testsupport::temp_file("maximin", name, content);
 }
 
 // Two probed points per face of a raw block whose faces stand `stock`
@@ -76,7 +55,7 @@ std::string raw_rows(const double stock[6], const std::string& extra) {
 }
 
 TEST(MaximinCommand, ReportsTheKnownMarginAndItsHoldingPoints) {
-    const std::string stl = temp_file("box.stl", box_stl());
+    const std::string stl = temp_file("box.stl", testsupport::box_stl());
     const double stock[6] = {1.2, 2.0, 0.5, 1.5, 2.0, 3.0};  // y is tightest: margin 1
     struct Case {
         const char* name;
@@ -138,7 +117,7 @@ TEST(MaximinCommand, ReportsTheKnownMarginAndItsHoldingPoints) {
 }
 
 TEST(MaximinCommand, RefusesBadSurfacesRowsAndArguments) {
-    const std::string stl = temp_file("box.stl", box_stl());
+    const std::string stl = temp_file("box.stl", testsupport::box_stl());
     const std::string bad_stl = temp_file("bad.stl", "solid x\nnot a facet\n");
     const double stock[6] = {1, 1, 1, 1, 1, 1};
     const std::string good = raw_rows(stock, "");
