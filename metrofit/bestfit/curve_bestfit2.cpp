@@ -12,16 +12,6 @@ namespace {
 bool point_set(const giPoint2& p) { return p.is_set(); }
 bool vector_set(const giVector2& v) { return v.x() != -DBL_MAX; }
 
-// The curve's size for the on-curve test: the largest coordinate of its
-// element ends, at least 1.
-double curve_size(const tsCurve2& curve) {
-    double size = 1.0;
-    for (int i = 0; i < curve.size(); ++i)
-        for (const giPoint2* p : {&curve.element(i).start, &curve.element(i).end})
-            size = std::max({size, std::fabs(p->x()), std::fabs(p->y())});
-    return size;
-}
-
 }  // namespace
 
 tsProbedPoint2::~tsProbedPoint2() = default;
@@ -72,7 +62,9 @@ void tsCurveProjectorForFitting2::rotate_and_project(const giXform2& xform,
 
     tsCurveFoot2coDynArr feet;
     curve_->project_all(p, feet);
-    const double on_curve = 1e-9 * curve_size(*curve_);
+    // On the curve: within 1e-9 of the curve's size (its join tolerance is
+    // 1e-6 of it).
+    const double on_curve = 1e-3 * curve_->join_tolerance();
     double best = DBL_MAX;
     for (const tsCurveFoot2& s : feet) {
         const giVector2 ns = s.normal;
@@ -189,7 +181,7 @@ int tsCurveBestfit2::do_iteration(giXform2& step) {
         if (!valid) continue;
         solver.add_bestfit(
             tsLineAndPoint(p.measured_point() - o, p.nominal_point() - o, p.nominal_normal()),
-            lower, upper, weights_[i]);
+            lower, upper, weights_[i] * weight_scale_);
     }
     if (vector_set(lock_direction_measured_))
         solver.lock_axis(lock_direction_measured_, lock_direction_nominal_);
@@ -241,8 +233,11 @@ int tsCurveBestfit2::fit(double tolerance, giXform2& xform, double& max_distance
     }
     double sum = 0.0;
     for (double w : weights_) sum += std::fabs(w);
-    if (sum > 0.0 && std::isfinite(sum))
-        for (double& w : weights_) w *= weights_.size() / sum;
+    weight_scale_ = sum > 0.0 && std::isfinite(sum) ? weights_.size() / sum : 1.0;
+    // The steps re-base the locks onto their nominal halves; the fit leaves
+    // them as the caller set them, so that every fit starts alike.
+    const giPoint2 lock_point = lock_point_measured_;
+    const giVector2 lock_direction = lock_direction_measured_;
 
     reproject_all_points(transformation_, projected_);
     status_ = tsCURVE_BESTFIT2_ITERATION_LIMIT;
@@ -267,6 +262,8 @@ int tsCurveBestfit2::fit(double tolerance, giXform2& xform, double& max_distance
     }
     get_pointcloud_parameters(projected_, max_distance, max_signed_distance, min_signed_distance,
                               n_unprojected, n_valid);
+    lock_point_measured_ = lock_point;
+    lock_direction_measured_ = lock_direction;
     xform = transformation_;
     return status_ == tsCURVE_BESTFIT2_CONVERGED || status_ == tsCURVE_BESTFIT2_ITERATION_LIMIT;
 }

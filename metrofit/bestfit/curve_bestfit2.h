@@ -46,7 +46,8 @@
 // every projection by the curve's element count.
 //
 // Locks, handed to the linear step and re-based onto their nominal halves
-// after every step (the moved points already carry the measured ones):
+// after every step (the moved points already carry the measured ones); fit()
+// gives them back as set at its end, so that every fit starts alike:
 //   - lock_origin(measured point, nominal point): the measured point is
 //     carried onto the nominal one and the part only turns about it;
 //   - lock_axis(measured direction, nominal direction): the measured
@@ -188,4 +189,5 @@ class tsCurveBestfit2 {
     int status_ = tsCURVE_BESTFIT2_NOT_RUN;
     int iterations_ = 0;
     double last_movement_ = 0.0;
+    double weight_scale_ = 1.0;  // mean absolute weight 1 (set by fit)
 };
