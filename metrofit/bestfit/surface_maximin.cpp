@@ -412,8 +412,8 @@ int tsSurfaceMaximin::fit(double tolerance, giXform3& xform, double& margin, int
     const double hold = std::max(tolerance, 1e-9 * lin.scale);
 
     // The margin, then (when evening) one level after another: the points
-    // within `hold` of the level just reached are held at it, and the next
-    // stage raises the smallest excess of the rest.
+    // that bind at the level just reached are held at it, and the next stage
+    // raises the smallest excess of the rest.
     int status = climb(tolerance, hold, floors, T, current, lin);
     for (int stage = 0; stage < kMaxStages; ++stage) {
         const double level = margin_of(current, floors, hold, n_valid, held_kept);
