@@ -1,6 +1,5 @@
-// Alignment by a reference point system: known motions recovered on a
-// meshed block and on analytic surfaces with the positioning held, spares,
-// balances, locks, and the stated statuses and stops.
+// Alignment by a reference point system: known motions with the positioning
+// held, spares, balances, locks, statuses and stops.
 #include "metrofit/alignment/rps_fitting.h"
 
 #include <gtest/gtest.h>
@@ -47,9 +46,8 @@ giPoint3 face_point(int axis, int high, double u, double v, giVector3& normal) {
     return giPoint3(p[0], p[1], p[2]);
 }
 
-// A probe ball of radius r touching the nominal surface point s (outward
-// normal n) of the part that `motion` carries onto its nominal: measured
-// where motion^-1 puts it.
+// A probe ball of radius r touching the nominal point s (outward normal n),
+// measured where motion^-1 puts it.
 tsFitPoint3coPrf probed(const giXform3& motion, const giPoint3& s, const giVector3& n,
                         double r = 1.0) {
     const giXform3 back = motion.inverse();
@@ -87,6 +85,13 @@ void three_two_one(tsRPSFitting& rps, const giXform3& motion, PS side) {
     position(rps, motion, giPoint3(0, 30, 20), side, I, I);
 }
 
+// The block's mesh and its projector.
+class RPSFitting : public ::testing::Test {
+   protected:
+    const srkMeshSurf mesh = block_mesh();
+    const tsSurfProjectorForFitting3 projector{&mesh};
+};
+
 double max_difference(const giXform3& a, const giXform3& b, double shift_weight) {
     double worst = 0.0;
     for (int r = 0; r < 3; ++r)
@@ -95,12 +100,9 @@ double max_difference(const giXform3& a, const giXform3& b, double shift_weight)
     return worst;
 }
 
-// Exact data of a moved block: the positioning holds and the fitting points
-// settle on the faces, whether the positioning is complete by itself,
-// completed by spare entries, or partly soft.
-TEST(RPSFitting, RecoversTheMotionOfAPositionedBlock) {
-    const srkMeshSurf mesh = block_mesh();
-    const tsSurfProjectorForFitting3 projector(&mesh);
+// Exact data: the positioning holds and the points settle, whether it is
+// complete, completed by spares, or partly soft.
+TEST_F(RPSFitting, RecoversTheMotionOfAPositionedBlock) {
     const struct {
         PS side;
         std::vector<std::pair<int, int>> faces;
@@ -132,12 +134,9 @@ TEST(RPSFitting, RecoversTheMotionOfAPositionedBlock) {
     }
 }
 
-// The positioning wins over the fitting points: a block measured 0.2 too
-// tall keeps its bottom on the three z locators, and the top shows the
+// A block measured 0.2 too tall stays on its z locators; the top shows the
 // whole excess.
-TEST(RPSFitting, PositioningHoldsAgainstTheFittingPoints) {
-    const srkMeshSurf mesh = block_mesh();
-    const tsSurfProjectorForFitting3 projector(&mesh);
+TEST_F(RPSFitting, PositioningHoldsAgainstTheFittingPoints) {
     const giXform3 motion = testsupport::random_motion(0.3, 0.2, 8);
     tsRPSFitting rps(50, 1e-9);
     rps.set_projector(&projector);
@@ -157,9 +156,7 @@ TEST(RPSFitting, PositioningHoldsAgainstTheFittingPoints) {
 
 // Balanced pairs on the two ends centre a block that is 0.4 too long
 // between them: both ends show 0.2, whichever way it was measured.
-TEST(RPSFitting, BalancesCentreBetweenFaces) {
-    const srkMeshSurf mesh = block_mesh();
-    const tsSurfProjectorForFitting3 projector(&mesh);
+TEST_F(RPSFitting, BalancesCentreBetweenFaces) {
     const giXform3 motion = testsupport::random_motion(0.4, 0.5, 12);
     tsRPSFitting rps(50, 1e-10);
     rps.set_projector(&projector);
@@ -177,31 +174,24 @@ TEST(RPSFitting, BalancesCentreBetweenFaces) {
         EXPECT_NEAR(rps.projected_points()[k].signed_distance(), 0.2, 1e-7) << k;
 }
 
-// Line and plane locks with analytic surfaces: a plate's top face (fitting
-// points on the plane z = 0) with its bore axis locked onto the nominal axis
-// and one locator against the turn; a shaft (fitting points on a cylinder)
-// with its end face locked onto the nominal plane and the same locator.
-TEST(RPSFitting, AxisAndPlaneLocksOnAnalyticSurfaces) {
+// A plate's face with its bore axis locked, a shaft with its end plane
+// locked, one locator against the turn: the motion is recovered.
+TEST_F(RPSFitting, AxisAndPlaneLocksOnAnalyticSurfaces) {
     const giXform3 motion = testsupport::random_motion(0.7, 0.4, 21);
     const giXform3 back = motion.inverse();
     const srkPlaneSurf plane(giPoint3(0, 0, 0), giVector3(0, 0, 1));
     const srkCylinderSurf shaft(giPoint3(10, 20, 0), giVector3(0, 0, 1), 15.0);
     for (int shape = 0; shape < 2; ++shape) {
         const srkSurf& surface = shape == 0 ? static_cast<const srkSurf&>(plane) : shaft;
-        const tsSurfProjectorForFitting3 projector(&surface);
+        const tsSurfProjectorForFitting3 on_surface(&surface);
         tsRPSFitting rps(50, 1e-10);
-        rps.set_projector(&projector);
+        rps.set_projector(&on_surface);
         testsupport::Rng rng(31 + shape);
         for (int k = 0; k < 24; ++k) {
             const double a = rng.uniform(0, 2 * testsupport::kPi);
-            giPoint3 s;
-            giVector3 n;
-            if (shape == 0) {
-                s = giPoint3(rng.uniform(-40, 40), rng.uniform(-40, 40), 0), n = giVector3(0, 0, 1);
-            } else {
-                n = giVector3(std::cos(a), std::sin(a), 0);
-                s = giPoint3(10, 20, rng.uniform(5, 60)) + 15.0 * n;
-            }
+            const giVector3 n = shape ? giVector3(std::cos(a), std::sin(a), 0) : giVector3(0, 0, 1);
+            const giPoint3 s = shape ? giPoint3(10, 20, rng.uniform(5, 60)) + 15.0 * n
+                                     : giPoint3(rng.uniform(-40, 40), rng.uniform(-40, 40), 0);
             rps.add_point(probed(motion, s, n, 2.0), -DBL_MAX, DBL_MAX);
         }
         if (shape == 0)
@@ -216,9 +206,8 @@ TEST(RPSFitting, AxisAndPlaneLocksOnAnalyticSurfaces) {
     }
 }
 
-// A projector that moves the nominal plane z = 0 up and down by 1 on every
-// batch (the points never settle), or that loses every point but one in
-// three after the first batch.
+// Moves the plane z = 0 up and down by 1 on every batch, or loses two
+// points in three after the first batch.
 class FickleProjector : public tsProjectorForFitting3 {
    public:
     FickleProjector(int points, bool lose) : points_(points), lose_(lose) {}
@@ -241,12 +230,9 @@ class FickleProjector : public tsProjectorForFitting3 {
     mutable int calls_ = 0;
 };
 
-// The statuses and stops: too few projections with nothing positioning
-// (-1), projections lost (-3), a fit that does not improve for 11 passes
-// stops, and the iteration limit is reported (1).
-TEST(RPSFitting, StatusesAndStops) {
-    const srkMeshSurf mesh = block_mesh();
-    const tsSurfProjectorForFitting3 projector(&mesh);
+// Too few projections (-1), projections lost (-3), no improvement for 11
+// passes stops, and the iteration limit (1).
+TEST_F(RPSFitting, StatusesAndStops) {
     const giXform3 motion = testsupport::random_motion(0.5, 0.3, 3);
     {
         tsRPSFitting rps(50, 1e-9);
@@ -273,9 +259,8 @@ TEST(RPSFitting, StatusesAndStops) {
             EXPECT_EQ(rps.fit(), tsRPS_FITTING_PROJECTIONS_LOST);
             EXPECT_EQ(rps.num_valid_projections(), 4);
         } else {
-            // Every pass lands the points on the plane of its projection:
-            // the mean square distance stays 0 after the first pass, and 11
-            // passes (of one or two tries) later the fit stops.
+            // The distance stays 0 after the first pass: 11 passes (of one
+            // or two tries) later the fit stops.
             EXPECT_EQ(rps.fit(), tsRPS_FITTING_OK);
             EXPECT_GE(rps.get_iterations(), 12);
             EXPECT_LE(rps.get_iterations(), 24);
@@ -290,12 +275,9 @@ TEST(RPSFitting, StatusesAndStops) {
     }
 }
 
-// slow_first_iteration: back to the identity and the measured positioning,
-// 240 starts for the first intermediate fit only, and the same result again.
-// Repeated fits are bit-identical.
-TEST(RPSFitting, SlowFirstIterationStartsAgain) {
-    const srkMeshSurf mesh = block_mesh();
-    const tsSurfProjectorForFitting3 projector(&mesh);
+// Starting again: the identity, 240 starts for the first fit only, the same
+// result; repeated fits are bit-identical.
+TEST_F(RPSFitting, SlowFirstIterationStartsAgain) {
     const giXform3 motion = testsupport::random_motion(0.5, 0.3, 17);
     auto make = [&](tsRPSFitting& rps) {
         rps.set_projector(&projector);
@@ -323,7 +305,7 @@ TEST(RPSFitting, SlowFirstIterationStartsAgain) {
 
 // The positioning operations of the embedded object: an entry taken out and
 // put back keeps its first measured point; the determination test.
-TEST(RPSFitting, PositioningDataOperations) {
+TEST_F(RPSFitting, PositioningDataOperations) {
     const giXform3 motion = testsupport::random_motion(0.5, 0.3, 3);
     tsRPSFitting rps(50, 1e-9);
     giXform3 T(giIdentity);

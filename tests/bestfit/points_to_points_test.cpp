@@ -1,6 +1,6 @@
-// Rigid motion between corresponding point sets: exact motions near and far
-// from the origin, the least-squares optimum, the reflection guard,
-// degenerate sets, the consumed accumulator and the dimension rules.
+// Rigid motion between corresponding point sets: exact motions near and far,
+// the least-squares optimum, the reflection guard, degenerate sets, the
+// consumed sums and the dimension rules.
 #include "metrofit/bestfit/points_to_points.h"
 
 #include <gtest/gtest.h>
@@ -68,28 +68,22 @@ TEST(tsPointsToPoints, RecoversExactMotionsNearAndFarFromOrigin) {
     }
 }
 
-TEST(tsPointsToPoints, NoisyPairsGiveTheLeastSquaresMotion) {
+// Noisy pairs, and a mirror image (neither the reflection nor another
+// rotation): the least-squares proper rotation, bit-identical when repeated.
+TEST(tsPointsToPoints, NoisyAndMirroredPairsGiveTheLeastSquaresMotion) {
     const giPoint3coDynArr a = sphere_points(60, giPoint3(5.0, 2.0, -1.0), 20.0, 90.0, 0.0, 21);
-    giPoint3coDynArr b = transformed(random_motion(40.0, 30.0, 8), a);
+    giPoint3coDynArr noisy = transformed(random_motion(40.0, 30.0, 8), a), mirrored;
     testsupport::Rng rng(99);
-    for (giPoint3& p : b) p += giVector3(rng.normal(0.05), rng.normal(0.05), rng.normal(0.05));
-    giXform3 got, again;
-    ASSERT_TRUE(fit(a, b, got));
-    ASSERT_TRUE(fit(a, b, again));
-    EXPECT_TRUE(equal(got, again, 0.0));  // bit-identical
-    expect_least_squares(got, a, b);
-}
-
-// The best proper rotation onto a mirror image: neither the reflection nor
-// another rotation.
-TEST(tsPointsToPoints, MirrorImageGivesBestProperRotation) {
-    const giPoint3coDynArr a = sphere_points(40, giPoint3(1.0, 2.0, 3.0), 5.0, 120.0, 0.0, 4);
-    giPoint3coDynArr b;
-    for (const giPoint3& p : a) b.append(giPoint3(-p.x(), p.y(), p.z()));
-    giXform3 got;
-    EXPECT_TRUE(fit(a, b, got));
-    EXPECT_NEAR(got.determinant(), 1.0, 1e-12);
-    expect_least_squares(got, a, b);
+    for (giPoint3& p : noisy) p += giVector3(rng.normal(0.05), rng.normal(0.05), rng.normal(0.05));
+    for (const giPoint3& p : a) mirrored.append(giPoint3(-p.x(), p.y(), p.z()));
+    for (const giPoint3coDynArr* b : {&noisy, &mirrored}) {
+        giXform3 got, again;
+        ASSERT_TRUE(fit(a, *b, got));
+        ASSERT_TRUE(fit(a, *b, again));
+        EXPECT_TRUE(equal(got, again, 0.0));
+        EXPECT_NEAR(got.determinant(), 1.0, 1e-12);
+        expect_least_squares(got, a, *b);
+    }
 }
 
 TEST(tsPointsToPoints, PlaneMotionExactMirroredAndCollinear) {

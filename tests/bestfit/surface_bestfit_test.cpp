@@ -19,10 +19,8 @@ namespace {
 
 using testsupport::Rng;
 
-// Patches of analytic surfaces, each kept to its box: the foot points of all
-// patches within 10 of the point, nearest first, and within twice the
-// nearest distance: the projector's score does not weigh distances, so far
-// foot points (the far side of the pocket) must not be offered.
+// Analytic patches kept to their boxes: the feet within 10 and twice the
+// nearest distance, nearest first (the far side of the pocket is not offered).
 class PatchSurf : public srkSurf {
    public:
     struct Patch {
@@ -71,11 +69,14 @@ struct Part {
     std::shared_ptr<PatchSurf> surface = std::make_shared<PatchSurf>();
     std::vector<giPoint3> feet;  // nominal surface points
     std::vector<giUnitVec3> normals;
+    void add(const giPoint3& foot, const giVector3& normal) {
+        feet.push_back(foot);
+        normals.push_back(giUnitVec3(normal));
+    }
 };
 
-// A block corner (faces x = 0, y = 0, z = 0 of a 100 x 80 x 60 block), a
-// cylindrical boss on the top face and a spherical pocket: the patches fix
-// every rigid motion.
+// A block corner (faces x = 0, y = 0, z = 0), a cylindrical boss and a
+// spherical pocket: together they fix every rigid motion.
 Part block_part(int per_patch, std::uint64_t seed) {
     Part part;
     auto add = [&](srkSurfPtr s, giPoint3 lo, giPoint3 hi) {
@@ -95,19 +96,15 @@ Part block_part(int per_patch, std::uint64_t seed) {
     for (int k = 0; k < per_patch; ++k) {
         const double u = rng.uniform(0.1, 0.9), v = rng.uniform(0.1, 0.9),
                      w = rng.uniform(-3.1, 3.1);
-        part.feet.push_back(giPoint3(0, 80 * u, 60 * v));
-        part.normals.push_back(giUnitVec3(-1, 0, 0));
-        part.feet.push_back(giPoint3(100 * u, 0, 60 * v));
-        part.normals.push_back(giUnitVec3(0, -1, 0));
-        part.feet.push_back(giPoint3(100 * u, 80 * v, 0));
-        part.normals.push_back(giUnitVec3(0, 0, -1));
-        part.feet.push_back(giPoint3(70 + 8 * std::cos(w), 40 + 8 * std::sin(w), 64 + 8 * u));
-        part.normals.push_back(giUnitVec3(std::cos(w), std::sin(w), 0));
         // Inside the pocket the surface faces the pocket's centre.
         const giVector3 d(std::cos(w) * std::sin(0.3 + u), std::sin(w) * std::sin(0.3 + u),
                           -std::cos(0.3 + u));
-        part.feet.push_back(giPoint3(30, 40, 60) + d * 10.0);
-        part.normals.push_back(giUnitVec3(giVector3(0, 0, 0) - d));
+        part.add(giPoint3(0, 80 * u, 60 * v), giVector3(-1, 0, 0));
+        part.add(giPoint3(100 * u, 0, 60 * v), giVector3(0, -1, 0));
+        part.add(giPoint3(100 * u, 80 * v, 0), giVector3(0, 0, -1));
+        part.add(giPoint3(70 + 8 * std::cos(w), 40 + 8 * std::sin(w), 64 + 8 * u),
+                 giVector3(std::cos(w), std::sin(w), 0));
+        part.add(giPoint3(30, 40, 60) + d * 10.0, giVector3(0, 0, 0) - d);
     }
     return part;
 }
@@ -185,8 +182,7 @@ TEST(SurfaceBestfit, RecoversAKnownMotionOnAMesh) {
                                   {0, 80 * u, 60 * w},
                                   {100, 80 * u, 60 * w},
                                   {100 * u, 80 * w, 60}};
-        part.feet.push_back(feet[k % 5]);
-        part.normals.push_back(giUnitVec3(normals[k % 5]));
+        part.add(feet[k % 5], normals[k % 5]);
     }
     const tsSurfProjectorForFitting3 projector(mesh.get());
     const giXform3 motion =

@@ -1,6 +1,5 @@
-// Maximin fit of probed points onto a nominal surface: known optimal
-// margins of a raw block around a box mesh (per-face stock, lower limits,
-// locks, moved input), a sphere, and the refusals.
+// Maximin fit: the known margins of a raw block around a box mesh and of a
+// shell on a sphere, evening, the start, and the refusals.
 #include "metrofit/bestfit/surface_maximin.h"
 
 #include <gtest/gtest.h>
@@ -60,6 +59,24 @@ RawBlock raw_block(const double stock[6], int per_face, const giXform3& motion,
     return b;
 }
 
+// The motion the raw block is measured under; the stock of its faces.
+const giXform3 kMoved =
+    giXform3(giVector3(0.4, -0.3, 0.2)) *
+    giXform3::rotation(giPoint3(50, 40, 30), giVector3(1, 2, -1), giAngle(giANGLE_DEGREES, 0.5));
+const double kStock[6] = {1.5, 3, 0.5, 1.5, 2, 4};
+
+// A maximin fit of the points to the box mesh, each with its lower limit.
+struct BoxFit {
+    std::shared_ptr<srkMeshSurf> mesh = box_mesh();
+    tsSurfProjectorForFitting3 projector{mesh.get()};
+    tsSurfaceMaximin fit;
+    explicit BoxFit(const RawBlock& block, const double lower[6] = nullptr) {
+        fit.set_projector(&projector);
+        for (size_t i = 0; i < block.points.size(); ++i)
+            EXPECT_EQ(fit.add_point(block.points[i], lower ? lower[block.face[i]] : 0.0), 1);
+    }
+};
+
 const giPoint3& measured(const tsFitPoint3coPrf& p) {
     return static_cast<const tsProbedPoint3&>(*p).measured_point();
 }
@@ -79,61 +96,36 @@ Result run(tsSurfaceMaximin& fit, double tolerance = 1e-10) {
 }
 
 TEST(SurfaceMaximin, ReachesTheKnownMarginOfARawBlock) {
-    const auto mesh = box_mesh();
-    const tsSurfProjectorForFitting3 projector(mesh.get());
     const giXform3 none(giIdentity);
-    const giXform3 moved = giXform3(giVector3(0.4, -0.3, 0.2)) *
-                           giXform3::rotation(giPoint3(50, 40, 30), giVector3(1, 2, -1),
-                                              giAngle(giANGLE_DEGREES, 0.5));
+    const double zero[6] = {0, 0, 0, 0, 0, 0}, on_py[6] = {0, 0, 0, 1, 0, 0},
+                 on_x[6] = {2, 2, 0, 0, 0, 0};
+    const double short_x[6] = {-1, 2, 1, 2, 2, 4}, shorter_x[6] = {-2, 1, 1, 2, 2, 4};
     struct Case {
         const char* name;
-        double stock[6];
-        double lower[6];  // per face
-        int lock;         // 0 free, 3 shifts along x, y, z, 1 along x only
+        const double* stock;
+        const double* lower;  // per face
+        int lock;             // 0 free, 3 shifts along x, y, z, 1 along x only
         const giXform3* motion;
         double margin;     // the known optimum
         unsigned holding;  // faces of the holding points, bit f
     };
-    // The optimum centres the block along its tightest axis: the margin is
-    // the smallest mean of opposite excesses; turning the block only eats
-    // into the stock of parallel faces. The other faces keep more stock than
-    // the margin (the fit moves no further than the margin asks), so the
-    // holding points are exactly those of the tight faces.
+    // The margin is the smallest mean of opposite excesses; turning only eats
+    // stock. The holding points are those of the tight faces.
     const Case cases[] = {
-        {"tightest axis y", {1.5, 3, 0.5, 1.5, 2, 4}, {0, 0, 0, 0, 0, 0}, 0, &none, 1.0, 0b001100},
-        {"moved input", {1.5, 3, 0.5, 1.5, 2, 4}, {0, 0, 0, 0, 0, 0}, 0, &moved, 1.0, 0b001100},
-        {"negative start", {-1, 2, 1, 2, 2, 4}, {0, 0, 0, 0, 0, 0}, 0, &moved, 0.5, 0b000011},
-        {"lower limit on +y",
-         {1.5, 3, 0.5, 1.5, 2, 4},
-         {0, 0, 0, 1, 0, 0},
-         0,
-         &moved,
-         0.5,
-         0b001100},
-        {"lower limits on x",
-         {1.5, 3, 0.5, 1.5, 2, 4},
-         {2, 2, 0, 0, 0, 0},
-         0,
-         &none,
-         0.25,
-         0b000011},
-        {"no positive margin", {-2, 1, 1, 2, 2, 4}, {0, 0, 0, 0, 0, 0}, 0, &moved, -0.5, 0b000011},
-        {"shifts only", {1.5, 3, 0.5, 1.5, 2, 4}, {0, 0, 0, 0, 0, 0}, 3, &none, 1.0, 0b001100},
-        {"shift along x only",
-         {1.5, 3, 0.5, 1.5, 2, 4},
-         {0, 0, 0, 0, 0, 0},
-         1,
-         &none,
-         0.5,
-         0b000100},
+        {"tightest axis y", kStock, zero, 0, &none, 1.0, 0b001100},
+        {"moved input", kStock, zero, 0, &kMoved, 1.0, 0b001100},
+        {"negative start", short_x, zero, 0, &kMoved, 0.5, 0b000011},
+        {"lower limit on +y", kStock, on_py, 0, &kMoved, 0.5, 0b001100},
+        {"lower limits on x", kStock, on_x, 0, &none, 0.25, 0b000011},
+        {"no positive margin", shorter_x, zero, 0, &kMoved, -0.5, 0b000011},
+        {"shifts only", kStock, zero, 3, &none, 1.0, 0b001100},
+        {"shift along x only", kStock, zero, 1, &none, 0.5, 0b000100},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const RawBlock block = raw_block(c.stock, 6, *c.motion);
-        tsSurfaceMaximin fit;
-        fit.set_projector(&projector);
-        for (size_t i = 0; i < block.points.size(); ++i)
-            ASSERT_EQ(fit.add_point(block.points[i], c.lower[block.face[i]]), 1);
+        BoxFit box(block, c.lower);
+        tsSurfaceMaximin& fit = box.fit;
         if (c.lock == 3)
             fit.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), giVector3(0, 0, 1));
         if (c.lock == 1) fit.lock_rotations(giVector3(2, 0, 0), giVector3(), giVector3());
@@ -165,24 +157,15 @@ TEST(SurfaceMaximin, ReachesTheKnownMarginOfARawBlock) {
 }
 
 TEST(SurfaceMaximin, EvensTheStockTheMarginLeavesFree) {
-    // The margin (y) fixes the shift along y and the turns about x and z;
-    // evening then centres the block along x (stock 1.5 and 3 -> 2.25 each)
-    // and along z (2 and 4 -> 3 each). Without evening only the margin is
-    // asked for.
-    const auto mesh = box_mesh();
-    const tsSurfProjectorForFitting3 projector(mesh.get());
-    const giXform3 moved = giXform3(giVector3(0.4, -0.3, 0.2)) *
-                           giXform3::rotation(giPoint3(50, 40, 30), giVector3(1, 2, -1),
-                                              giAngle(giANGLE_DEGREES, 0.5));
-    const double stock[6] = {1.5, 3, 0.5, 1.5, 2, 4};
+    // After the margin (y) evening centres x (1.5, 3 -> 2.25) and z (2, 4
+    // -> 3); without evening only the margin is asked for.
     const double evened[6] = {2.25, 2.25, 1, 1, 3, 3};
-    const RawBlock block = raw_block(stock, 6, moved);
+    const RawBlock block = raw_block(kStock, 6, kMoved);
     for (int even : {1, 0}) {
         SCOPED_TRACE(even);
-        tsSurfaceMaximin fit;
-        fit.set_projector(&projector);
+        BoxFit box(block);
+        tsSurfaceMaximin& fit = box.fit;
         fit.set_even(even);
-        for (const tsFitPoint3coPrf& p : block.points) fit.add_point(p);
         const Result r = run(fit);
         EXPECT_EQ(r.status, tsSURFACE_MAXIMIN_CONVERGED);
         EXPECT_NEAR(r.margin, 1.0, 1e-9);
@@ -199,19 +182,11 @@ TEST(SurfaceMaximin, EvensTheStockTheMarginLeavesFree) {
 }
 
 TEST(SurfaceMaximin, EvensANoisyBlockFaceAgainstFace) {
-    // With noise the levels hold single points, but the evening still
-    // balances the least stock of opposite faces: each pair of faces ends
-    // with equal smallest stock, the y pair at the margin.
-    const auto mesh = box_mesh();
-    const tsSurfProjectorForFitting3 projector(mesh.get());
-    const giXform3 moved = giXform3(giVector3(0.4, -0.3, 0.2)) *
-                           giXform3::rotation(giPoint3(50, 40, 30), giVector3(1, 2, -1),
-                                              giAngle(giANGLE_DEGREES, 0.5));
-    const double stock[6] = {1.5, 3, 0.5, 1.5, 2, 4};
-    const RawBlock block = raw_block(stock, 200, moved, 0.01);
-    tsSurfaceMaximin fit;
-    fit.set_projector(&projector);
-    for (const tsFitPoint3coPrf& p : block.points) fit.add_point(p);
+    // With noise opposite faces end with equal least stock, the y pair at
+    // the margin.
+    const RawBlock block = raw_block(kStock, 200, kMoved, 0.01);
+    BoxFit box(block);
+    tsSurfaceMaximin& fit = box.fit;
     const Result r = run(fit);
     ASSERT_EQ(r.status, tsSURFACE_MAXIMIN_CONVERGED);
     EXPECT_EQ(fit.levels().size(), 3);
@@ -226,26 +201,21 @@ TEST(SurfaceMaximin, EvensANoisyBlockFaceAgainstFace) {
 }
 
 TEST(SurfaceMaximin, StartsFromAGivenPose) {
-    // A raw block turned by 25 degrees: the least-squares bestfit's pose as
-    // the start brings it home, and the margin is the known one; a start
-    // that is not a rigid motion is refused.
-    const auto mesh = box_mesh();
-    const tsSurfProjectorForFitting3 projector(mesh.get());
+    // Turned by 25 degrees: the bestfit's pose as start brings it home; a
+    // start that is no rigid motion is refused.
     const giXform3 far = giXform3(giVector3(5, -3, 2)) *
                          giXform3::rotation(giPoint3(50, 40, 30), giVector3(1, 2, -1),
                                             giAngle(giANGLE_DEGREES, 25.0));
-    const double stock[6] = {1.5, 3, 0.5, 1.5, 2, 4};
-    const RawBlock block = raw_block(stock, 6, far);
+    const RawBlock block = raw_block(kStock, 6, far);
+    BoxFit box(block);
+    tsSurfaceMaximin& fit = box.fit;
     tsSurfaceBestfit rough;
-    rough.set_projector(&projector);
+    rough.set_projector(&box.projector);
     for (const tsFitPoint3coPrf& p : block.points) rough.add_point(p);
     giXform3 start;
     double a = 0, b = 0, c = 0;
     int unprojected = 0;
     rough.fit(1e-9, start, a, b, c, unprojected);
-    tsSurfaceMaximin fit;
-    fit.set_projector(&projector);
-    for (const tsFitPoint3coPrf& p : block.points) fit.add_point(p);
     fit.set_start(start);
     const Result r = run(fit);
     EXPECT_EQ(r.status, tsSURFACE_MAXIMIN_CONVERGED);
@@ -260,9 +230,8 @@ TEST(SurfaceMaximin, StartsFromAGivenPose) {
 }
 
 TEST(SurfaceMaximin, CentresAShellOnASphereAndRepeatsItself) {
-    // Points 1 outside a sphere of radius 10, the shell's centre 0.3 off:
-    // the maximin takes the centres together, margin exactly 1, and every
-    // point then holds it.
+    // Points 1 outside a sphere of radius 10, centred 0.3 off: margin 1,
+    // held by every point.
     const auto sphere = std::make_shared<srkSphereSurf>(giPoint3(0, 0, 0), 10.0);
     const tsSurfProjectorForFitting3 projector(sphere.get());
     tsSurfaceMaximin fit;

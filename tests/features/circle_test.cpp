@@ -50,40 +50,15 @@ doublecoDynArr filled(int n, double value) {
     return out;
 }
 
-// Independent least-squares circle in the plane (centre, radius), probe
-// offsets q_i (|P - C| + q_i - r) included, from a start at the truth.
-LongVector reference_circle2(const giPoint2coDynArr& pts, const doublecoDynArr& q,
+// Independent least-squares circle (centre, radius) of ball centres touching
+// it from outside (|P - C| - rho_i - r), from a start at the truth.
+LongVector reference_circle2(const giPoint2coDynArr& pts, const doublecoDynArr& rho,
                              const giPoint2& c, double r) {
     const auto residuals = [&](const LongVector& p, LongVector& res) {
         for (int i = 0; i < pts.size(); ++i)
-            res[i] =
-                std::hypot(pts[i].x() - p[0], pts[i].y() - p[1]) + (i < q.size() ? q[i] : 0) - p[2];
+            res[i] = std::hypot(pts[i].x() - p[0], pts[i].y() - p[1]) - rho[i] - p[2];
     };
     return testsupport::gauss_newton(residuals, {c.x(), c.y(), r}, pts.size());
-}
-
-// Independent least-squares circle in space: two residuals per point, the
-// radial and the axial offset; the axis in spherical angles.
-Circle3 reference_circle3(const giPoint3coDynArr& pts, const giPoint3& c, const giVector3& n,
-                          double r) {
-    const auto residuals = [&](const LongVector& p, LongVector& res) {
-        const long double st = std::sin(p[3]), ux = st * std::cos(p[4]), uy = st * std::sin(p[4]),
-                          uz = std::cos(p[3]);
-        for (int i = 0; i < pts.size(); ++i) {
-            const long double vx = pts[i].x() - p[0], vy = pts[i].y() - p[1],
-                              vz = pts[i].z() - p[2];
-            const long double h = ux * vx + uy * vy + uz * vz;
-            res[2 * i] = std::sqrt(vx * vx + vy * vy + vz * vz - h * h) - p[5];
-            res[2 * i + 1] = h;
-        }
-    };
-    const LongVector p = testsupport::gauss_newton(
-        residuals, {c.x(), c.y(), c.z(), std::acos(n.z()), std::atan2(n.y(), n.x()), r},
-        2 * pts.size());
-    return {giPoint3(p[0], p[1], p[2]),
-            giUnitVec3(std::sin(p[3]) * std::cos(p[4]), std::sin(p[3]) * std::sin(p[4]),
-                       std::cos(p[3])),
-            static_cast<double>(p[5])};
 }
 
 double undirected(const giVector3& u, const giVector3& v) {
@@ -118,10 +93,9 @@ TEST(CircleReference, MatchesEveryReferenceFit) {
     }
 }
 
-// Analytic gradients against central differences, with axes of any length;
-// the guarded points (the planar centre, the spatial axis and the circle
-// itself) give finite gradients with the stated entries, and a zero axis
-// becomes (1, 0, 0).
+// Gradients against central differences, axes of any length; the guarded
+// points (the planar centre, the spatial axis, the circle itself) give the
+// stated finite gradients; a zero axis becomes (1, 0, 0).
 TEST(CircleModels, GradientsMatchDifferencesAndGuardsHold) {
     const giPoint3coDynArr space = testsupport::transformed(
         testsupport::random_motion(40, 3, 2), testsupport::circle_points3(12, 5.0, 300, 0.4, 6));
@@ -168,10 +142,10 @@ TEST(CircleModels, GradientsMatchDifferencesAndGuardsHold) {
 // (arc in degrees, distance from the origin)
 class CircleKnownTruth : public ::testing::TestWithParam<std::tuple<double, double>> {};
 
-// Noisy arcs, turned and moved far from the origin: the fits in space and in
-// the plane land on the least-squares optimum (checked against an independent
-// solution) and near the truth; repeated calls are bit-identical.
-TEST_P(CircleKnownTruth, ReachesTheLeastSquaresCircle) {
+// Noisy arcs: the fits in space and in the plane lie near the truth, repeat
+// themselves bit for bit, and turned and moved far from the origin (in the
+// plane: moved) they move with the points.
+TEST_P(CircleKnownTruth, NearTheTruthAndMovesWithThePoints) {
     const auto [arc_degrees, offset] = GetParam();
     const double radius = 10, sigma = 1e-3;
     // 1e-9 relative, plus the rounding that coordinates of size offset carry.
@@ -181,45 +155,41 @@ TEST_P(CircleKnownTruth, ReachesTheLeastSquaresCircle) {
     const double arc = arc_degrees * testsupport::kPi / 180;
     const double truth_tol = 6 * sigma / std::sqrt(80.0) / std::fmin(1.0, arc * arc / 12);
     const giXform3 motion = testsupport::random_motion(67, offset, 11);
-    const giPoint3 centre = motion * giPoint3(0, 0, 0);
-    const giUnitVec3 normal = motion * giUnitVec3(0, 0, 1);
 
     // Radial and axial noise both count in the error.
-    const giPoint3coDynArr space = testsupport::transformed(
-        motion, testsupport::circle_points3(80, radius, arc_degrees, sigma, 3));
-    Circle3 s, again, p;
+    const giPoint3coDynArr space = testsupport::circle_points3(80, radius, arc_degrees, sigma, 3);
+    Circle3 s, again, m;
     ASSERT_EQ(fit3(space, s), 1);
     ASSERT_EQ(fit3(space, again), 1);
     EXPECT_TRUE(same(s, again));
-    const Circle3 ref = reference_circle3(space, centre, normal, radius);
-    EXPECT_LE(distance(s.c, ref.c), tol);
-    EXPECT_LE(undirected(s.n, ref.n), tol / radius);
-    EXPECT_NEAR(s.r, ref.r, tol);
-    EXPECT_LE(distance(s.c, centre), truth_tol);
+    EXPECT_LE(distance(s.c, giPoint3(0, 0, 0)), truth_tol);
     EXPECT_NEAR(s.e, sigma * std::sqrt(2.0), 0.3 * sigma);
+    ASSERT_EQ(fit3(testsupport::transformed(motion, space), m), 1);
+    EXPECT_LE(distance(m.c, motion * s.c), tol);
+    EXPECT_LE(undirected(m.n, motion * s.n), tol / radius);
+    EXPECT_NEAR(m.r, s.r, tol);
+    EXPECT_NEAR(m.e, s.e, tol);
 
-    // In the plane: the planar points moved by the same shift.
-    giPoint2coDynArr flat;
-    for (const giPoint2& q :
-         testsupport::circle_points2(80, giPoint2(0, 0), radius, arc_degrees, sigma, 4))
-        flat.append(giPoint2(q.x() + centre.x(), q.y() + centre.y()));
-    Circle2 f;
+    const giPoint3 shift = motion * giPoint3(0, 0, 0);
+    const giPoint2coDynArr flat =
+        testsupport::circle_points2(80, giPoint2(0, 0), radius, arc_degrees, sigma, 4);
+    giPoint2coDynArr moved;
+    for (const giPoint2& q : flat) moved.append(giPoint2(q.x() + shift.x(), q.y() + shift.y()));
+    Circle2 f, g;
     ASSERT_EQ(fit2(flat, f), 1);
-    const LongVector ref3 =
-        reference_circle2(flat, doublecoDynArr(), giPoint2(centre.x(), centre.y()), radius);
-    EXPECT_LE(distance(f.c, giPoint2(ref3[0], ref3[1])), tol);
-    EXPECT_NEAR(f.r, static_cast<double>(ref3[2]), tol);
-    EXPECT_LE(distance(f.c, giPoint2(centre.x(), centre.y())), truth_tol);
+    ASSERT_EQ(fit2(moved, g), 1);
+    EXPECT_LE(distance(f.c, giPoint2(0, 0)), truth_tol);
+    EXPECT_LE(distance(g.c, giPoint2(f.c.x() + shift.x(), f.c.y() + shift.y())), tol);
+    EXPECT_NEAR(g.r, f.r, tol);
 }
 
 INSTANTIATE_TEST_SUITE_P(Circle, CircleKnownTruth,
                          ::testing::Combine(::testing::Values(360.0, 90.0, 20.0),
                                             ::testing::Values(0.0, 1e3, 1e5)));
 
-// Ball centres a probe radius off the circle: the touched radius comes back
-// for a shaft (outside) and a bore (inside); with all radii 0 the probed fit
-// agrees with the plain one bit for bit; balls of varying radius with noise
-// reach the least-squares optimum.
+// Ball centres a probe radius off the circle: the touched circle comes back
+// for a shaft and a bore; radii 0 give the plain fit bit for bit; balls of
+// varying radius with noise reach the least-squares optimum.
 TEST(CircleProbed, ReportsTheTouchedCircle) {
     const giPoint2 truth(3, -4);
     const double radius = 12, rho = 1.5;
@@ -237,16 +207,14 @@ TEST(CircleProbed, ReportsTheTouchedCircle) {
     }
     testsupport::Rng rng(8);
     giPoint2coDynArr noisy;
-    doublecoDynArr varying, offsets;
+    doublecoDynArr varying;
     for (const giPoint2& p : testsupport::circle_points2(90, truth, radius, 120, 2e-3, 6)) {
-        const double b = rng.uniform(0.5, 3.0);
-        noisy.append(p + (p - truth) * (b / distance(p, truth)));
-        varying.append(b);
-        offsets.append(-b);
+        varying.append(rng.uniform(0.5, 3.0));
+        noisy.append(p + (p - truth) * (varying[varying.size() - 1] / distance(p, truth)));
     }
     Circle2 k;
     ASSERT_EQ(fit_probed(noisy, varying, 0, k), 1);
-    const LongVector ref = reference_circle2(noisy, offsets, truth, radius);
+    const LongVector ref = reference_circle2(noisy, varying, truth, radius);
     EXPECT_LE(distance(k.c, giPoint2(ref[0], ref[1])), 1e-9 * radius);
     EXPECT_NEAR(k.r, static_cast<double>(ref[2]), 1e-9 * radius);
 }

@@ -30,6 +30,11 @@ struct Fit {
 int fit(const giPoint2coDynArr& pts, Fit& k) {
     return tsLeastSquareEvaluator::evaluate_ellipse(pts, k.c, k.a, k.b, k.t, k.e);
 }
+Fit direct(const giPoint2coDynArr& pts) {  // the direct fit, which must succeed
+    const tsDirectEllipse2 d(pts);
+    EXPECT_EQ(d.status(), 5);
+    return {d.centre(), d.semi_major(), d.semi_minor(), d.angle()};
+}
 // Same ellipse within tol (lengths) and angle_tol (the axis, sense free).
 void expect_same(const Fit& f, const Fit& g, double tol, double angle_tol) {
     EXPECT_LE(distance(f.c, g.c), tol);
@@ -78,13 +83,10 @@ TEST(EllipseModel, FootPointsExactAndGradientsMatchDifferences) {
         testsupport::expect_gradient_matches(model, p, 1e-6);
 }
 
-// Exact points of ellipses from a circle to a ratio of 10, 5 or 40 of them,
-// on arcs down to 90 degrees, turned and up to 1e5 from the origin: the
-// least-squares fit and the direct fits (2D, and 3D in a tilted plane)
-// reproduce them to the rounding the coordinates carry; so does the fit in a
-// given tilted plane (its axes turned against the ellipse's, y off square by
-// 1e-7), whose error counts the points' heights above the plane (+-0.25) in
-// full.
+// Exact ellipses, circle to ratio 10, arcs down to 90 degrees, up to 1e5
+// away: the least-squares and direct fits (2D, 3D) reproduce them to rounding;
+// so does the fit in a given plane (axes turned, y off square by 1e-7), whose
+// error counts the heights above the plane (+-0.25) in full.
 TEST(EllipseFit, AllFitsReproduceExactEllipses) {
     const struct {
         int n;
@@ -109,10 +111,7 @@ TEST(EllipseFit, AllFitsReproduceExactEllipses) {
             ASSERT_EQ(fit(pts, f), 1);
             EXPECT_LE(f.e, tol);
             expect_same(f, truth, tol, angle_tol);
-            const tsDirectEllipse2 d2(pts);
-            ASSERT_EQ(d2.status(), 5);
-            expect_same({d2.centre(), d2.semi_major(), d2.semi_minor(), d2.angle()}, truth, tol,
-                        angle_tol);
+            expect_same(direct(pts), truth, tol, angle_tol);
 
             const giPoint3 c0 = motion * giPoint3(0, 0, 0);
             const giUnitVec3 m0 = motion * giUnitVec3(std::cos(k.angle), std::sin(k.angle), 0);
@@ -134,10 +133,9 @@ TEST(EllipseFit, AllFitsReproduceExactEllipses) {
     }
 }
 
-// Noisy points: the fit is the least-squares solution (the reference is a
-// Gauss-Newton in long double over the ellipse and every point's foot
-// parameter together, from the truth). Repeated fits, least-squares and
-// direct, are bit-identical.
+// Noisy points: the fit is the least-squares solution (an independent
+// Gauss-Newton over the ellipse and every foot parameter); fits move with the
+// points and repeat bit for bit.
 TEST(EllipseFit, NoisyFitIsTheLeastSquaresSolutionInAnyPose) {
     const struct {
         double ratio, arc, angle;
@@ -173,9 +171,7 @@ TEST(EllipseFit, NoisyFitIsTheLeastSquaresSolutionInAnyPose) {
 
         // Turned, scaled by 2 and moved: the fits move with the points (the
         // direct fit's constraint is independent of the frame too).
-        const tsDirectEllipse2 direct(pts);
-        ASSERT_EQ(direct.status(), 5);
-        const Fit d{direct.centre(), direct.semi_major(), direct.semi_minor(), direct.angle()};
+        const Fit d = direct(pts);
         for (const double offset : {1e3, 1e5}) {
             const auto move = [&](const giPoint2& q) {
                 return giPoint2(1.2 * q.x() - 1.6 * q.y() + 0.6 * offset,
@@ -185,19 +181,14 @@ TEST(EllipseFit, NoisyFitIsTheLeastSquaresSolutionInAnyPose) {
             for (const giPoint2& q : pts) moved.append(move(q));
             Fit m;
             ASSERT_EQ(fit(moved, m), 1);
-            const tsDirectEllipse2 dm(moved);
-            ASSERT_EQ(dm.status(), 5);
             const double pose_tol = 2 * tol + 1e-13 * offset, turn = std::atan2(0.8, 0.6);
             expect_same(m, {move(f.c), 2 * f.a, 2 * f.b, f.t + turn}, pose_tol,
                         pose_tol / (f.a - f.b));
             EXPECT_NEAR(m.e, 2 * f.e, pose_tol);
-            expect_same({dm.centre(), dm.semi_major(), dm.semi_minor(), dm.angle()},
-                        {move(d.c), 2 * d.a, 2 * d.b, d.t + turn}, pose_tol,
+            expect_same(direct(moved), {move(d.c), 2 * d.a, 2 * d.b, d.t + turn}, pose_tol,
                         pose_tol / (d.a - d.b));
         }
-        const tsDirectEllipse2 direct_again(pts);
-        EXPECT_TRUE(direct_again.centre() == d.c && direct_again.semi_major() == d.a &&
-                    direct_again.semi_minor() == d.b && direct_again.angle() == d.t);
+        EXPECT_TRUE(direct(pts) == d);
     }
 }
 
@@ -215,11 +206,9 @@ TEST(EllipseFit, FinishesFlatValleysOfShortNoisyArcs) {
     EXPECT_GE(mean_square, f.e * f.e * (1 - 1e-12));  // the solver's rounding level of S
 }
 
-// Too few points, non-finite coordinates, points on one spot or one line,
-// and exact conics that are no ellipse: the least-squares fit refuses them
-// (for the parabola the ellipses grow without end, no minimum is reached)
-// and leaves its outputs; the direct fit gives its status, the centre unset.
-// The fit in a plane refuses axes that are not orthogonal and an unset point.
+// Too few, non-finite, equal or collinear points and conics that are no
+// ellipse (a parabola has no minimum) are refused, outputs kept; the direct
+// fit gives its status. The fit in a plane refuses skewed axes, unset points.
 TEST(EllipseFit, RefusesBadInputAndLeavesOutputs) {
     giPoint2coDynArr line, equal, hyperbola, parabola;
     giPoint2coDynArr nan_pts(ellipse_points(9, {0, 0}, 5, 3, 0, 360, 0, 1)), inf_pts(nan_pts);

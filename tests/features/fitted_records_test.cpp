@@ -18,33 +18,23 @@ giAngle deg(double d) { return giAngle(giANGLE_DEGREES, d); }
 // Unset markers, non-positive sizes and out-of-range half angles make a
 // record invalid; a zero deviation does not.
 TEST(FittedRecords, InvalidFlagsEachUnusableField) {
-    const struct {
-        tsFittedCylinder c;
-        int invalid;
-    } cylinders[] = {
-        {tsFittedCylinder(), 1},
-        {tsFittedCylinder(kP, kU, 2.0, 0.0), 0},
-        {tsFittedCylinder(giPoint3(), kU, 2.0, 0.0), 1},
-        {tsFittedCylinder(giPoint3(0, 0, DBL_MAX), kU, 2.0, 0.0), 1},
-        {tsFittedCylinder(kP, giUnitVec3(), 2.0, 0.0), 1},
-        {tsFittedCylinder(kP, kU, 0.0, 0.0), 1},
-        {tsFittedCylinder(kP, kU, kNaN, 0.0), 1},
-        {tsFittedCylinder(kP, kU, 2.0, -1e-300), 1},
-    };
-    for (const auto& t : cylinders) EXPECT_EQ(t.c.invalid(), t.invalid);
-    const struct {
-        tsFittedCone c;
-        int invalid;
-    } cones[] = {
-        {tsFittedCone(), 1},
-        {tsFittedCone(kP, kU, deg(45), 0.0), 0},
-        {tsFittedCone(giPoint3(-DBL_MAX, 0, 0), kU, deg(45), 0.0), 1},
-        {tsFittedCone(kP, giUnitVec3(), deg(45), 0.0), 1},
-        {tsFittedCone(kP, kU, deg(0), 0.0), 1},
-        {tsFittedCone(kP, kU, deg(90), 0.0), 1},
-        {tsFittedCone(kP, kU, deg(45), -1.0), 1},
-    };
-    for (const auto& t : cones) EXPECT_EQ(t.c.invalid(), t.invalid);
+    EXPECT_EQ(tsFittedCylinder(kP, kU, 2.0, 0.0).invalid(), 0);
+    const tsFittedCylinder cylinders[] = {tsFittedCylinder(),
+                                          tsFittedCylinder(giPoint3(), kU, 2.0, 0.0),
+                                          tsFittedCylinder(giPoint3(0, 0, DBL_MAX), kU, 2.0, 0.0),
+                                          tsFittedCylinder(kP, giUnitVec3(), 2.0, 0.0),
+                                          tsFittedCylinder(kP, kU, 0.0, 0.0),
+                                          tsFittedCylinder(kP, kU, kNaN, 0.0),
+                                          tsFittedCylinder(kP, kU, 2.0, -1e-300)};
+    for (const auto& c : cylinders) EXPECT_EQ(c.invalid(), 1) << &c - cylinders;
+    EXPECT_EQ(tsFittedCone(kP, kU, deg(45), 0.0).invalid(), 0);
+    const tsFittedCone cones[] = {tsFittedCone(),
+                                  tsFittedCone(giPoint3(-DBL_MAX, 0, 0), kU, deg(45), 0.0),
+                                  tsFittedCone(kP, giUnitVec3(), deg(45), 0.0),
+                                  tsFittedCone(kP, kU, deg(0), 0.0),
+                                  tsFittedCone(kP, kU, deg(90), 0.0),
+                                  tsFittedCone(kP, kU, deg(45), -1.0)};
+    for (const auto& c : cones) EXPECT_EQ(c.invalid(), 1) << &c - cones;
 }
 
 // The cylinder test, in a random pose far from the origin: the other axis

@@ -15,15 +15,34 @@ namespace {
 
 using testsupport::LongVector;
 
-// Independent least-squares sphere (centre, radius) of the points, probe
-// offsets q_i (|P - C| + q_i - r) included, from a start at the truth.
-LongVector reference_sphere(const giPoint3coDynArr& pts, const doublecoDynArr& q, const giPoint3& c,
-                            double r) {
+struct Sphere {
+    giPoint3 c;
+    double r = 0, e = 0;
+    bool operator==(const Sphere& o) const { return c == o.c && r == o.r && e == o.e; }
+};
+
+int fit(const giPoint3coDynArr& pts, Sphere& s) {
+    return tsLeastSquareEvaluator::evaluate_sphere(pts, s.c, s.r, s.e);
+}
+int fit_probed(const giPoint3coDynArr& pts, const doublecoDynArr& radii, int inside, Sphere& s) {
+    return tsLeastSquareEvaluator::evaluate_probed_sphere(pts, radii, inside, s.c, s.r, s.e);
+}
+
+doublecoDynArr filled(int n, double value) {
+    doublecoDynArr out;
+    for (int i = 0; i < n; ++i) out.append(value);
+    return out;
+}
+
+// Independent least-squares sphere (centre, radius) of ball centres touching
+// it from outside (|P - C| - rho_i - r), from a start at the truth.
+LongVector reference_sphere(const giPoint3coDynArr& pts, const doublecoDynArr& rho,
+                            const giPoint3& c, double r) {
     const auto residuals = [&](const LongVector& p, LongVector& res) {
         for (int i = 0; i < pts.size(); ++i) {
             const long double dx = pts[i].x() - p[0], dy = pts[i].y() - p[1],
                               dz = pts[i].z() - p[2];
-            res[i] = std::sqrt(dx * dx + dy * dy + dz * dz) + (i < q.size() ? q[i] : 0) - p[3];
+            res[i] = std::sqrt(dx * dx + dy * dy + dz * dz) - rho[i] - p[3];
         }
     };
     return testsupport::gauss_newton(residuals, {c.x(), c.y(), c.z(), r}, pts.size());
@@ -35,14 +54,11 @@ TEST(SphereReference, MatchesEveryReferenceFit) {
     ASSERT_EQ(fits.size(), 7u);
     for (const auto& f : fits) {
         SCOPED_TRACE(f.id);
-        const giPoint3coDynArr pts = testsupport::reference_points3(f.file);
-        ASSERT_EQ(pts.size(), f.n);
-        giPoint3 c;
-        double r = 0, error = 0;
-        ASSERT_EQ(tsLeastSquareEvaluator::evaluate_sphere(pts, c, r, error), 1);
-        EXPECT_LE(distance(c, giPoint3(f.params[0], f.params[1], f.params[2])), f.tol_position);
-        EXPECT_NEAR(r, f.params[3], f.tol_size);
-        EXPECT_NEAR(error, f.rms, f.tol_rms);
+        Sphere s;
+        ASSERT_EQ(fit(testsupport::reference_points3(f.file), s), 1);
+        EXPECT_LE(distance(s.c, giPoint3(f.params[0], f.params[1], f.params[2])), f.tol_position);
+        EXPECT_NEAR(s.r, f.params[3], f.tol_size);
+        EXPECT_NEAR(s.e, f.rms, f.tol_rms);
     }
 }
 
@@ -55,36 +71,30 @@ void PrintTo(const SphereCase& c, std::ostream* os) { *os << c.name; }
 
 class SphereKnownTruth : public ::testing::TestWithParam<SphereCase> {};
 
-// Noisy samples moved far from the origin: the fit is the least-squares
-// optimum (to 1e-9 of the radius), close to the truth, with RMS near sigma;
-// moved by 1e3 or 1e5 the centre moves with the points and the radius stays.
-TEST_P(SphereKnownTruth, RecoversLeastSquaresSphereAnywhere) {
-    const SphereCase& s = GetParam();
+// Noisy samples: the fit is close to the truth with RMS near sigma and
+// repeats itself bit for bit; moved by 1e3 or 1e5 the centre moves with the
+// points and the radius stays.
+TEST_P(SphereKnownTruth, RecoversTheSphereAnywhere) {
+    const SphereCase& k = GetParam();
     const giPoint3 truth(3, -7, 11);
     const giPoint3coDynArr base =
-        testsupport::sphere_points(s.n, truth, s.radius, s.cap_degrees, s.sigma, 17);
-    giPoint3 c0;
-    double r0 = 0, e0 = 0;
-    ASSERT_EQ(tsLeastSquareEvaluator::evaluate_sphere(base, c0, r0, e0), 1);
-    const LongVector ref = reference_sphere(base, doublecoDynArr(), truth, s.radius);
-    EXPECT_LE(distance(c0, giPoint3(ref[0], ref[1], ref[2])), 1e-9 * s.radius);
-    EXPECT_NEAR(r0, static_cast<double>(ref[3]), 1e-9 * s.radius);
-    EXPECT_LE(distance(c0, truth), 50 * s.sigma);  // a weak bound even for the small cap
-    EXPECT_NEAR(e0, s.sigma, 0.3 * s.sigma);       // n >= 200: rms within 30% of sigma
-
+        testsupport::sphere_points(k.n, truth, k.radius, k.cap_degrees, k.sigma, 17);
+    Sphere s, again;
+    ASSERT_EQ(fit(base, s), 1);
+    ASSERT_EQ(fit(base, again), 1);
+    EXPECT_TRUE(again == s);
+    EXPECT_LE(distance(s.c, truth), 50 * k.sigma);  // a weak bound even for the small cap
+    EXPECT_NEAR(s.e, k.sigma, 0.3 * k.sigma);       // n >= 200: rms within 30% of sigma
     for (const double offset : {1e3, 1e5}) {
         SCOPED_TRACE(offset);
         const giXform3 motion = testsupport::random_motion(37, offset, 5);
-        giPoint3 c;
-        double r = 0, e = 0;
-        ASSERT_EQ(tsLeastSquareEvaluator::evaluate_sphere(testsupport::transformed(motion, base), c,
-                                                          r, e),
-                  1);
+        Sphere m;
+        ASSERT_EQ(fit(testsupport::transformed(motion, base), m), 1);
         // Coordinates of size offset carry rounding of 1e-16 offset per point.
-        const double tol = 1e-9 * s.radius + 1e-11 * offset;
-        EXPECT_LE(distance(c, motion * c0), tol);
-        EXPECT_NEAR(r, r0, tol);
-        EXPECT_NEAR(e, e0, tol);
+        const double tol = 1e-9 * k.radius + 1e-11 * offset;
+        EXPECT_LE(distance(m.c, motion * s.c), tol);
+        EXPECT_NEAR(m.r, s.r, tol);
+        EXPECT_NEAR(m.e, s.e, tol);
     }
 }
 
@@ -93,76 +103,47 @@ INSTANTIATE_TEST_SUITE_P(Sphere, SphereKnownTruth,
                                            SphereCase{"cap60", 40, 60, 1e-3, 300},
                                            SphereCase{"cap15", 8, 15, 1e-5, 200}));
 
-// Probed centres at distance R + rho from the centre: touched from outside
-// the radius is R; the same centres read as touching a hollow sphere from
-// inside give R + 2 rho. Varying radii with noise reach the optimum.
+// Centres R + rho from the centre: R touched from outside, R + 2 rho from
+// inside. Zero radii give the plain fit bit for bit; varying ones the optimum.
 TEST(SphereProbed, ReportsTheTouchedSurface) {
     const giPoint3 truth(1, 2, 3);
     const double radius = 20, rho = 1.5;
     const giPoint3coDynArr centres =
         testsupport::sphere_points(200, truth, radius + rho, 120, 0.0, 3);
-    doublecoDynArr radii;
-    for (int i = 0; i < centres.size(); ++i) radii.append(rho);
-    giPoint3 c;
-    double r = 0, e = 0;
-    ASSERT_EQ(tsLeastSquareEvaluator::evaluate_probed_sphere(centres, radii, 0, c, r, e), 1);
-    EXPECT_NEAR(r, radius, 1e-10);
-    EXPECT_LE(distance(c, truth), 1e-10);
-    EXPECT_LT(e, 1e-10);
-    ASSERT_EQ(tsLeastSquareEvaluator::evaluate_probed_sphere(centres, radii, 1, c, r, e), 1);
-    EXPECT_NEAR(r, radius + 2 * rho, 1e-10);
+    Sphere s, plain, zero;
+    ASSERT_EQ(fit_probed(centres, filled(200, rho), 0, s), 1);
+    EXPECT_NEAR(s.r, radius, 1e-10);
+    EXPECT_LE(distance(s.c, truth), 1e-10);
+    EXPECT_LT(s.e, 1e-10);
+    ASSERT_EQ(fit_probed(centres, filled(200, rho), 1, s), 1);
+    EXPECT_NEAR(s.r, radius + 2 * rho, 1e-10);
+
+    const giPoint3coDynArr pts = testsupport::sphere_points(150, giPoint3(5, 5, 5), 9, 40, 1e-3, 9);
+    ASSERT_EQ(fit(pts, plain), 1);
+    for (const int inside : {0, 1}) {
+        ASSERT_EQ(fit_probed(pts, filled(150, 0.0), inside, zero), 1);
+        EXPECT_TRUE(zero == plain) << "inside " << inside;
+    }
 
     // Each ball of its own radius, noisy, touching from outside.
     testsupport::Rng rng(8);
     giPoint3coDynArr noisy;
-    doublecoDynArr varying, offsets;
+    doublecoDynArr varying;
     for (const giPoint3& p : testsupport::sphere_points(300, truth, radius, 90, 2e-3, 4)) {
-        const double b = rng.uniform(0.5, 3.0);
-        noisy.append(p + (p - truth) * (b / distance(p, truth)));
-        varying.append(b);
-        offsets.append(-b);
+        varying.append(rng.uniform(0.5, 3.0));
+        noisy.append(p + (p - truth) * (varying[varying.size() - 1] / distance(p, truth)));
     }
-    ASSERT_EQ(tsLeastSquareEvaluator::evaluate_probed_sphere(noisy, varying, 0, c, r, e), 1);
-    const LongVector ref = reference_sphere(noisy, offsets, truth, radius);
-    EXPECT_LE(distance(c, giPoint3(ref[0], ref[1], ref[2])), 1e-9 * radius);
-    EXPECT_NEAR(r, static_cast<double>(ref[3]), 1e-9 * radius);
+    ASSERT_EQ(fit_probed(noisy, varying, 0, s), 1);
+    const LongVector ref = reference_sphere(noisy, varying, truth, radius);
+    EXPECT_LE(distance(s.c, giPoint3(ref[0], ref[1], ref[2])), 1e-9 * radius);
+    EXPECT_NEAR(s.r, static_cast<double>(ref[3]), 1e-9 * radius);
 }
 
-// Zero probe radii make the probed fit the plain one, bit for bit, on either
-// side; and every fit repeats itself bit for bit.
-TEST(SphereProbed, ZeroRadiiAndRepeatedCallsGiveIdenticalResults) {
-    const giPoint3coDynArr pts = testsupport::sphere_points(150, giPoint3(5, 5, 5), 9, 40, 1e-3, 9);
-    doublecoDynArr zeros;
-    for (int i = 0; i < pts.size(); ++i) zeros.append(0.0);
-    giPoint3 c, c1, c2;
-    double r = 0, e = 0, r1 = 0, e1 = 0, r2 = 0, e2 = 0;
-    ASSERT_EQ(tsLeastSquareEvaluator::evaluate_sphere(pts, c, r, e), 1);
-    ASSERT_EQ(tsLeastSquareEvaluator::evaluate_sphere(pts, c1, r1, e1), 1);
-    EXPECT_TRUE(c == c1 && r == r1 && e == e1);
-    for (const int inside : {0, 1}) {
-        ASSERT_EQ(tsLeastSquareEvaluator::evaluate_probed_sphere(pts, zeros, inside, c2, r2, e2),
-                  1);
-        EXPECT_TRUE(c2 == c && r2 == r && e2 == e) << "inside " << inside;
-    }
-}
-
-// All points equal: range 0, so every start is the point with radius 0.
-TEST(SphereDegenerate, EqualPointsGiveThePointWithRadiusZero) {
-    giPoint3coDynArr pts;
-    for (int i = 0; i < 6; ++i) pts.append(giPoint3(4, -2, 7));
-    giPoint3 c;
-    double r = -1, e = -1;
-    ASSERT_EQ(tsLeastSquareEvaluator::evaluate_sphere(pts, c, r, e), 1);
-    EXPECT_EQ(c, giPoint3(4, -2, 7));
-    EXPECT_EQ(r, 0.0);
-    EXPECT_EQ(e, 0.0);
-}
-
-// Refusals return 0 promptly and leave the sentinels in the outputs.
+// Refusals return 0 and leave the sentinels in the outputs. All points equal
+// are no refusal: range 0, so every start is the point with radius 0.
 TEST(SphereRefusal, RefusesBadInputAndWritesNothing) {
     const giPoint3coDynArr good = testsupport::sphere_points(10, giPoint3(0, 0, 0), 5, 180, 0, 1);
-    doublecoDynArr radii;
-    for (int i = 0; i < 10; ++i) radii.append(0.5);
+    const doublecoDynArr radii = filled(10, 0.5);
     giPoint3coDynArr three = good, nan_pt = good, inf_pt = good;
     three.shrink(3, 0);
     nan_pt[4] = giPoint3(NAN, 0, 0);
@@ -171,31 +152,36 @@ TEST(SphereRefusal, RefusesBadInputAndWritesNothing) {
     fewer.shrink(9, 0);
     more.append(0.5);
     nan_r[3] = NAN;
-    const giPoint3coDynArr none;
-    const doublecoDynArr no_radii;
     const struct {
         const char* what;
-        const giPoint3coDynArr& pts;
-        const doublecoDynArr& radii;
+        giPoint3coDynArr pts;
+        doublecoDynArr radii;
         bool bad_points;  // the plain fit refuses them too
-    } cases[] = {{"empty", none, no_radii, true},     {"three points", three, fewer, true},
-                 {"NaN point", nan_pt, radii, true},  {"infinite point", inf_pt, radii, true},
-                 {"fewer radii", good, fewer, false}, {"more radii", good, more, false},
+    } cases[] = {{"empty", {}, {}, true},
+                 {"three points", three, filled(3, 0.5), true},
+                 {"NaN point", nan_pt, radii, true},
+                 {"infinite point", inf_pt, radii, true},
+                 {"fewer radii", good, fewer, false},
+                 {"more radii", good, more, false},
                  {"NaN radius", good, nan_r, false}};
+    const Sphere sentinel{giPoint3(-1, -2, -3), -4, -5};
     for (const auto& k : cases) {
         SCOPED_TRACE(k.what);
-        const giPoint3 sentinel(-1, -2, -3);
-        giPoint3 c = sentinel;
-        double r = -4, e = -5;
-        EXPECT_EQ(tsLeastSquareEvaluator::evaluate_probed_sphere(k.pts, k.radii, 0, c, r, e), 0);
-        if (k.bad_points) {
-            EXPECT_EQ(tsLeastSquareEvaluator::evaluate_sphere(k.pts, c, r, e), 0);
-        }
-        EXPECT_TRUE(c == sentinel && r == -4 && e == -5);
+        Sphere s = sentinel;
+        EXPECT_EQ(fit_probed(k.pts, k.radii, 0, s), 0);
+        EXPECT_EQ(k.bad_points ? fit(k.pts, s) : 0, 0);
+        EXPECT_TRUE(s == sentinel);
     }
+
+    giPoint3coDynArr equal;
+    for (int i = 0; i < 6; ++i) equal.append(giPoint3(4, -2, 7));
+    Sphere s{giPoint3(), -1, -1};
+    ASSERT_EQ(fit(equal, s), 1);
+    EXPECT_TRUE(s == (Sphere{giPoint3(4, -2, 7), 0.0, 0.0}));
 }
 
-// Four points on a known sphere: the algebraic fit is exact.
+// Four points on a known sphere: the algebraic fit is exact. Too few or
+// non-finite points: not fitted, outputs untouched.
 TEST(SphereDirectFit, FourPointsOnASphereAreFittedExactly) {
     const giPoint3 c(1, -2, 0.5);
     giPoint3coDynArr pts;
@@ -212,7 +198,6 @@ TEST(SphereDirectFit, FourPointsOnASphereAreFittedExactly) {
     EXPECT_EQ(tsSphereFit::fit(pts, out, r), 1);
     EXPECT_EQ(out, fit.centre());
 
-    // Too few or non-finite points: not fitted, outputs untouched.
     giPoint3coDynArr bad = pts;
     bad.shrink(3, 0);
     EXPECT_EQ(tsSphereFit(bad).status(), 1);

@@ -97,11 +97,9 @@ TEST(TouchingCircles, DegenerateInputIsRefused) {
     EXPECT_TRUE(normal == giVector3(-7, -7, -7) && centre == giPoint3(-7, -7, -7) && radius == -7);
 }
 
-// Random disjoint circles: a returned circle touches all three in the
-// requested sense (|C - Ck| = R - sigma rk), to 1e-9 relative to R; most
-// configurations have one of each sense.
-// In space the same circles in a random plane far from the origin give the
-// same tangency, with the result in that plane.
+// Random disjoint circles, in the plane and in a random plane of space far
+// away: a returned circle touches all three in the requested sense
+// (|C - Ck| = R - sigma rk, 1e-9 of R); most have one of each sense.
 TEST(TouchingCircles, RandomConfigurationsAreTangentInTheRequestedSense) {
     testsupport::Rng rng(20240607);
     const int trials = 400;

@@ -6,6 +6,7 @@
 #include <limits>
 #include <memory>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tests/support/random.h"
@@ -30,21 +31,13 @@ srkSurfPtr make(int k, const giPoint3& o, const giUnitVec3& z) {
                               std::make_shared<srkTorusSurf>(o, z, 2.5, 1.0)};
     return all[k];
 }
-// Signed distance, positive outside (the cone's: to the generating line on
-// the point's side, valid for h > 0).
-double distance(int k, double rho, double h) {
-    const double d[] = {h, std::hypot(rho, h) - 2.0, rho - 1.5,
-                        rho * std::cos(kPi / 6) - h * std::sin(kPi / 6),
-                        std::hypot(rho - 2.5, h) - 1.0};
-    return d[k];
-}
-// A meridian curve of the part of the surface near the test points, s in [0, 1].
-void sample(int k, double s, double& rho, double& h) {
+// The surface through (rho, h), a meridian curve of its part near the test
+// points, s in [0, 1].
+std::pair<double, double> sample(int k, double s) {
     const double w = 2.0 * kPi * s;
     const double r[] = {5.0 * s, 2.0 * std::sin(0.5 * w), 1.5, 8.0 * s * kTan30, 2.5 + std::cos(w)};
     const double z[] = {0.0, 2.0 * std::cos(0.5 * w), 8.0 * s - 4.0, 8.0 * s, std::sin(w)};
-    rho = r[k];
-    h = z[k];
+    return {r[k], z[k]};
 }
 // How many foot points the geometry gives off the axis. The cone's opposite
 // generating line has a foot on the nappe when p lies beyond the plane
@@ -59,28 +52,34 @@ struct Pose {
     giUnitVec3 z, x, y;
     double tol;  // on-surface tolerance: 1e-12 relative near the origin, 1e-9 far
 };
-
 Pose make_pose(double offset) {
-    Pose f{giPoint3(0.3 + offset, -0.2 - 0.7 * offset, 0.1 + 0.4 * offset),
-           giUnitVec3(1.0, 2.0, 3.0), giUnitVec3(), giUnitVec3(), offset > 0 ? 3e-9 : 3e-12};
-    f.x = giUnitVec3(cross(f.z, giVector3(0.0, 0.0, 1.0)));
-    f.y = giUnitVec3(cross(f.z, f.x));
-    return f;
+    const giUnitVec3 z(1.0, 2.0, 3.0), x(cross(z, giVector3(0.0, 0.0, 1.0)));
+    return {giPoint3(0.3 + offset, -0.2 - 0.7 * offset, 0.1 + 0.4 * offset), z, x,
+            giUnitVec3(cross(z, x)), offset > 0 ? 3e-9 : 3e-12};
 }
-
 giPoint3 world(const Pose& f, double rho, double h, double phi) {
     return f.o + (f.x * (rho * std::cos(phi)) + f.y * (rho * std::sin(phi)) + f.z * h);
 }
-void cylindrical(const Pose& f, const giPoint3& p, double& rho, double& h) {
+// (rho, h) of p.
+std::pair<double, double> cylindrical(const Pose& f, const giPoint3& p) {
     const giVector3 q = p - f.o;
-    h = dot(q, f.z);
-    rho = std::hypot(dot(q, f.x), dot(q, f.y));
+    return {std::hypot(dot(q, f.x), dot(q, f.y)), dot(q, f.z)};
+}
+// Signed distance of p, positive outside (the cone's: to the generating
+// line on the point's side, valid for h > 0).
+double distance(int k, const Pose& f, const giPoint3& p) {
+    const auto [rho, h] = cylindrical(f, p);
+    const double d[] = {h, std::hypot(rho, h) - 2.0, rho - 1.5,
+                        rho * std::cos(kPi / 6) - h * std::sin(kPi / 6),
+                        std::hypot(rho - 2.5, h) - 1.0};
+    return d[k];
 }
 
 class AnalyticSurfaceShapes : public ::testing::TestWithParam<std::tuple<int, double>> {};
 
 TEST_P(AnalyticSurfaceShapes, FootPointsAreExactSortedOutwardAndNearestIsClosest) {
     const int k = std::get<0>(GetParam());
+    SCOPED_TRACE(kNames[k]);
     const Pose f = make_pose(std::get<1>(GetParam()));
     const srkSurfPtr surf = make(k, f.o, f.z);
     testsupport::Rng rng(7);
@@ -88,55 +87,58 @@ TEST_P(AnalyticSurfaceShapes, FootPointsAreExactSortedOutwardAndNearestIsClosest
         const giPoint3 p =
             world(f, rng.uniform(0.05, 4.0), rng.uniform(k == kCone ? 0.1 : -3.0, 3.0),
                   rng.uniform(0.0, 2 * kPi));
-        double rho, h;
-        cylindrical(f, p, rho, h);
+        const auto [rho, h] = cylindrical(f, p);
         srkSurfPointList feet, again;
         int info = -1, info2 = -1;
         const int n = surf->project_all(p, feet, info);
-        ASSERT_EQ(n, count(k, rho, h)) << kNames[k];
+        ASSERT_EQ(n, count(k, rho, h));
         EXPECT_EQ(info, n);
         EXPECT_EQ(surf->project_all(p, again, info2), n);  // deterministic, bit for bit
-        double last = 0.0;
         for (int i = 0; i < n; ++i) {
             const giPoint3 s = feet[i].position;
             EXPECT_TRUE(s == again[i].position && feet[i].u == again[i].u);
-            double rs, hs;
-            cylindrical(f, s, rs, hs);
-            EXPECT_NEAR(distance(k, rs, hs), 0.0, f.tol) << kNames[k];
+            EXPECT_NEAR(distance(k, f, s), 0.0, f.tol);
             const giUnitVec3 nrm = surf->normal_at(feet[i], giAngle());
             const giVector3 d = p - s;
-            EXPECT_LE(cross(nrm, d).length(), 1e-9 * d.length() + f.tol) << kNames[k];
+            EXPECT_LE(cross(nrm, d).length(), 1e-9 * d.length() + f.tol);
             // Outward: one millimetre along the normal is one millimetre outside.
-            cylindrical(f, s + nrm * 1e-3, rs, hs);
-            EXPECT_NEAR(distance(k, rs, hs), 1e-3, 1e-8) << kNames[k];
-            EXPECT_GE(d.length(), last - f.tol);
-            last = d.length();
+            EXPECT_NEAR(distance(k, f, s + nrm * 1e-3), 1e-3, 1e-8);
+            EXPECT_GE(d.length(), i ? (p - feet[i - 1].position).length() - f.tol : 0.0);
         }
         // No point of a dense grid of the surface is nearer than the first foot.
         double best = 1e300;
         for (int i = 0; i <= 300; ++i)
             for (int j = 0; j < 300; ++j) {
-                double rs, hs;
-                sample(k, i / 300.0, rs, hs);
+                const auto [rs, hs] = sample(k, i / 300.0);
                 best = std::fmin(best, (world(f, rs, hs, 2.0 * kPi * j / 300.0) - p).length());
             }
         const double nearest = (feet[0].position - p).length();
-        EXPECT_LE(nearest, best + f.tol) << kNames[k];
-        EXPECT_GE(nearest, best - 0.05) << kNames[k];  // the grid is fine enough to matter
+        EXPECT_LE(nearest, best + f.tol);
+        EXPECT_GE(nearest, best - 0.05);  // the grid is fine enough to matter
     }
 }
 
+// A similarity moves the clone and leaves the original; transforms that are
+// unset, not finite, sheared, unevenly scaled, reflecting or singular are
+// refused without a change.
 TEST_P(AnalyticSurfaceShapes, TransformMovesTheCloneAndLeavesTheOriginal) {
     const int k = std::get<0>(GetParam());
     const Pose f = make_pose(std::get<1>(GetParam()));
     const srkSurfPtr surf = make(k, f.o, f.z);
-    srkSurfPtr moved = surf->clone();
+    srkSurfPtr moved = surf->clone(), none;
     const giXform3 x = testsupport::random_motion(37.0, 50.0, 3) * giXform3::scaling(2.0, 2.0, 2.0);
+    giXform3 nan_shift = giXform3::identity(), shear = giXform3::identity();
+    nan_shift(1, 3) = kNaN;
+    shear(0, 1) = 0.1;
     const giPoint3 p = world(f, 1.7, 1.2, 0.4);
     srkSurfPointList before, after, there;
     int info;
     const int n = surf->project_all(p, before, info);
+    EXPECT_EQ(srkSurf::transform(none, x), 0);
     ASSERT_EQ(srkSurf::transform(moved, x), 1);
+    for (const giXform3& bad : {giXform3(), nan_shift, shear, giXform3::scaling(1, 1, 1.01),
+                                giXform3::scaling(-1, -1, -1), giXform3::scaling(0, 0, 0)})
+        EXPECT_EQ(srkSurf::transform(moved, bad), 0);
     ASSERT_EQ(surf->project_all(p, after, info), n);
     ASSERT_EQ(moved->project_all(x * p, there, info), n);
     for (int i = 0; i < n; ++i) {
@@ -172,79 +174,51 @@ TEST(AnalyticSurfaces, KnownFootPointsInOrder) {
     expect_feet(srkSphereSurf(giPoint3(1, 1, 1), 2.0), giPoint3(1, 1, -4), {{1, 1, -1}, {1, 1, 3}});
 }
 
+// Degenerate surfaces refuse everything; valid ones give no foot point for
+// NaN and unset points, nor on the axis or at the centre, where every point
+// of a circle (or the sphere) would be one.
 TEST(AnalyticSurfaces, RefusesDegenerateInputAndPointsWithoutAFootPoint) {
-    const giPoint3 o(1, 2, 3), bad(kNaN, 0, 0);
+    using std::make_shared;
+    const giPoint3 o(1, 2, 3), bad(kNaN, 0, 0), q(5, 6, 7);
     const giVector3 z(0, 0, 2), zero(0, 0, 0), nan_dir(kNaN, 0, 1);
-    const srkSurfPtr degenerate[] = {
-        std::make_shared<srkPlaneSurf>(o, zero),
-        std::make_shared<srkPlaneSurf>(bad, z),
-        std::make_shared<srkSphereSurf>(o, 0.0),
-        std::make_shared<srkSphereSurf>(o, kNaN),
-        std::make_shared<srkCylinderSurf>(o, nan_dir, 1.0),
-        std::make_shared<srkCylinderSurf>(o, z, -1.0),
-        std::make_shared<srkConeSurf>(o, z, giAngle(giANGLE_DEGREES, 0.0)),
-        std::make_shared<srkConeSurf>(o, z, giAngle(giANGLE_DEGREES, 90.0)),
-        std::make_shared<srkConeSurf>(o, z, giAngle(giANGLE_DEGREES, -20.0)),
-        std::make_shared<srkTorusSurf>(o, z, 1.0, 1.0),
-        std::make_shared<srkTorusSurf>(o, z, 1.0, 2.0),
-        std::make_shared<srkTorusSurf>(o, zero, 2.0, 1.0),
-    };
-    for (const srkSurfPtr& s : degenerate) {
-        srkSurfPointList out;
-        int info = 7;
-        EXPECT_FALSE(std::static_pointer_cast<srkAnalyticSurf>(s)->valid());
-        EXPECT_EQ(s->project_all(giPoint3(5, 6, 7), out, info), 0);
-        EXPECT_EQ(out.size(), 0);
-        EXPECT_FALSE(s->normal_at(srkSurfPoint(giPoint3(5, 6, 7)), giAngle()).is_set());
-        srkSurfPtr h = s;
-        EXPECT_EQ(srkSurf::transform(h, giXform3::identity()), 0);
-    }
-    // Valid surfaces: NaN and unset points; on the axis or at the centre every
-    // point of a circle (or the sphere) would be a foot point.
-    struct Miss {
+    const auto deg = [](double a) { return giAngle(giANGLE_DEGREES, a); };
+    const struct {
         srkSurfPtr surf;
         giPoint3 p;
-    } misses[] = {
-        {std::make_shared<srkPlaneSurf>(o, z), bad},
-        {std::make_shared<srkSphereSurf>(o, 1.0), giPoint3()},
-        {std::make_shared<srkSphereSurf>(o, 1.0), o},
-        {std::make_shared<srkCylinderSurf>(o, z, 1.0), giPoint3(1, 2, -40)},
-        {std::make_shared<srkConeSurf>(o, z, giAngle(giANGLE_DEGREES, 30.0)), giPoint3(1, 2, 9)},
-        {std::make_shared<srkConeSurf>(o, z, giAngle(giANGLE_DEGREES, 30.0)), giPoint3(3, 2, 1)},
-        {std::make_shared<srkTorusSurf>(o, z, 2.0, 1.0), giPoint3(1, 2, 0.5)},
+        bool valid;
+    } cases[] = {
+        {make_shared<srkPlaneSurf>(o, zero), q, false},
+        {make_shared<srkPlaneSurf>(bad, z), q, false},
+        {make_shared<srkSphereSurf>(o, 0.0), q, false},
+        {make_shared<srkSphereSurf>(o, kNaN), q, false},
+        {make_shared<srkCylinderSurf>(o, nan_dir, 1.0), q, false},
+        {make_shared<srkCylinderSurf>(o, z, -1.0), q, false},
+        {make_shared<srkConeSurf>(o, z, deg(0.0)), q, false},
+        {make_shared<srkConeSurf>(o, z, deg(90.0)), q, false},
+        {make_shared<srkConeSurf>(o, z, deg(-20.0)), q, false},
+        {make_shared<srkTorusSurf>(o, z, 1.0, 1.0), q, false},
+        {make_shared<srkTorusSurf>(o, z, 1.0, 2.0), q, false},
+        {make_shared<srkTorusSurf>(o, zero, 2.0, 1.0), q, false},
+        {make_shared<srkPlaneSurf>(o, z), bad, true},
+        {make_shared<srkSphereSurf>(o, 1.0), giPoint3(), true},
+        {make_shared<srkSphereSurf>(o, 1.0), o, true},
+        {make_shared<srkCylinderSurf>(o, z, 1.0), giPoint3(1, 2, -40), true},
+        {make_shared<srkConeSurf>(o, z, deg(30.0)), giPoint3(1, 2, 9), true},
+        {make_shared<srkConeSurf>(o, z, deg(30.0)), giPoint3(3, 2, 1), true},
+        {make_shared<srkTorusSurf>(o, z, 2.0, 1.0), giPoint3(1, 2, 0.5), true},
     };
-    for (const Miss& m : misses) {
+    for (const auto& c : cases) {
         srkSurfPointList out;
         out.append(srkSurfPoint(o));
         int info = 7;
-        EXPECT_EQ(m.surf->project_all(m.p, out, info), 0);
+        EXPECT_EQ(std::static_pointer_cast<srkAnalyticSurf>(c.surf)->valid(), c.valid);
+        EXPECT_EQ(c.surf->project_all(c.p, out, info), 0);
         EXPECT_EQ(info, 0);
         EXPECT_EQ(out.size(), 1);  // nothing appended
-    }
-}
-
-TEST(AnalyticSurfaces, TransformRefusesNonSimilarities) {
-    srkSurfPtr none;
-    EXPECT_EQ(srkSurf::transform(none, giXform3::identity()), 0);
-    srkSurfPtr torus = std::make_shared<srkTorusSurf>(giPoint3(1, 2, 3), giVector3(0, 1, 1), 3, 1);
-    giXform3 nan_shift = giXform3::identity(), shear = giXform3::identity();
-    nan_shift(1, 3) = kNaN;
-    shear(0, 1) = 0.1;
-    const giXform3 refused[] = {giXform3(),
-                                nan_shift,
-                                shear,
-                                giXform3::scaling(1, 1, 1.01),
-                                giXform3::scaling(-1, -1, -1),
-                                giXform3::scaling(0, 0, 0)};
-    const giPoint3 p(4, 5, 6);
-    srkSurfPointList before;
-    int info;
-    const int n = torus->project_all(p, before, info);
-    for (const giXform3& x : refused) {
-        EXPECT_EQ(srkSurf::transform(torus, x), 0);
-        srkSurfPointList after;
-        ASSERT_EQ(torus->project_all(p, after, info), n);
-        for (int i = 0; i < n; ++i) EXPECT_TRUE(after[i].position == before[i].position);
+        if (c.valid) continue;
+        EXPECT_FALSE(c.surf->normal_at(srkSurfPoint(q), giAngle()).is_set());
+        srkSurfPtr h = c.surf;
+        EXPECT_EQ(srkSurf::transform(h, giXform3::identity()), 0);
     }
 }
 

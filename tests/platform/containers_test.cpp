@@ -17,18 +17,15 @@ struct Tagged {
     int value = -1;  // default elements are recognisable
 };
 
+// An indexed write past the end grows in whole steps counted from the old
+// capacity, keeps the elements and fills the gap with defaults.
 TEST(ContainersDynArr, IndexedWriteGrowsInWholeStepsAndFillsDefaults) {
     coDynArr<Tagged> a(0, 4);
     a[10].value = 7;
-    EXPECT_EQ(a.capacity(), 12);  // next multiple of 4 above index 10
-    EXPECT_EQ(a.size(), 11);
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(a[i].value, -1);
-    EXPECT_EQ(a[10].value, 7);
-
-    // Growth keeps the old elements and counts steps from the old capacity.
     a[12].value = 3;
     EXPECT_EQ(a.capacity(), 16);
-    EXPECT_EQ(a[10].value, 7);
+    EXPECT_EQ(a.size(), 13);
+    for (int i = 0; i < 12; ++i) EXPECT_EQ(a[i].value, i == 10 ? 7 : -1);
     coDynArr<int> b(5, 3);
     b[9] = 1;  // ((9 - 5) / 3 + 1) * 3 + 5
     EXPECT_EQ(b.capacity(), 11);
@@ -41,76 +38,60 @@ TEST(ContainersDynArr, AppendExpandShrinkClearAndCopies) {
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(a[i], i);
     a.append(a[0]);  // appending an element of the array itself while it grows
     EXPECT_EQ(a[1000], 0.0);
-
-    doublecoDynArr copy(utCopy, a);
+    doublecoDynArr copy(utCopy, a), assigned;
     copy[0] = 99;
     EXPECT_EQ(a[0], 0.0);  // deep copy
-    doublecoDynArr assigned;
     assigned = a;
     EXPECT_EQ(assigned.size(), a.size());
     assigned.become(utCopy, copy);
     EXPECT_EQ(assigned[0], 99.0);
 
     intcoDynArr c{1, 2, 3};
-    ASSERT_EQ(c.size(), 3);
     c.expand(6);
     EXPECT_EQ(c.size(), 6);
     EXPECT_EQ(c[5], 0);
     c.shrink(2, 1);
-    EXPECT_EQ(c.size(), 2);
-    EXPECT_EQ(c.capacity(), 2);
-    EXPECT_EQ(c[1], 2);
+    EXPECT_TRUE(c.size() == 2 && c.capacity() == 2 && c[1] == 2);
     c.shrink(0, 0);
     EXPECT_TRUE(c.empty());
     c.append(4);
     c.clear(1);
-    EXPECT_EQ(c.size(), 0);
-    EXPECT_EQ(c.capacity(), 0);
+    EXPECT_TRUE(c.size() == 0 && c.capacity() == 0);
     c.reserve(50);
-    EXPECT_GE(c.capacity(), 50);
-    EXPECT_EQ(c.size(), 0);
-
-    int sum = 0;
-    for (int v : intcoDynArr{4, 5, 6}) sum += v;
-    EXPECT_EQ(sum, 15);
+    EXPECT_TRUE(c.size() == 0 && c.capacity() >= 50);
 }
 
+// Blocks of a power-of-two size; enter() past the end fills defaults.
 TEST(ContainersPageArr, ElementsKeepTheirAddressesWhileTheArrayGrows) {
-    coPageArr<Tagged> a(0, 8, 1);
+    coPageArr<Tagged> a(0, 5, 1);
     EXPECT_EQ(a.block_size(), 8);
     a[0].value = 0;
     const Tagged* first = &a.read(0);
     for (int i = 1; i < 1000; ++i) a.append(Tagged{i});
     EXPECT_EQ(first, &a.read(0));
-    EXPECT_EQ(a.size(), 1000);
     for (int i = 0; i < 1000; i += 37) EXPECT_EQ(a[i].value, i);
-
-    a.enter(1500, Tagged{5});  // auto-extension fills defaults
+    a.enter(1500, Tagged{5});
     EXPECT_EQ(a.size(), 1501);
     EXPECT_EQ(a.read(1200).value, -1);
     EXPECT_EQ(a.read(1500).value, 5);
-
-    coPageArr<int> odd(0, 5, 1);  // block size rounds up to a power of two
-    EXPECT_EQ(odd.block_size(), 8);
 }
 
 TEST(ContainersPageArr, GetBlockRepaginateReverseAndBulkCopies) {
-    intcoPageArr a(0, 16, 1);
+    intcoPageArr a(0, 16, 1), empty(0, 16, 1);
     EXPECT_EQ(a.get_block(3), 1);
     EXPECT_EQ(a.num_blocks(), 4);
     EXPECT_EQ(a.switch_block(4), 0);
     for (int i = 0; i < 5; ++i) a.append(10 * i);
     // 5 elements in 4 blocks of 16: one block of 8 suffices.
     EXPECT_EQ(a.repaginate(), 64 - 8);
-    EXPECT_EQ(a.block_size(), 8);
-    EXPECT_EQ(a.num_blocks(), 1);
+    EXPECT_TRUE(a.block_size() == 8 && a.num_blocks() == 1);
     for (int i = 0; i < 5; ++i) EXPECT_EQ(a[i], 10 * i);
     EXPECT_EQ(a.repaginate(), 0);  // nothing left to give back
+    empty.get_block(1);
+    EXPECT_EQ(empty.repaginate(), 32);  // an empty array gives back all its room
 
     a.reverse();
-    EXPECT_EQ(a[0], 40);
-    EXPECT_EQ(a[4], 0);
-
+    EXPECT_TRUE(a[0] == 40 && a[4] == 0);
     const int src[6] = {1, -1, 2, -1, 3, -1};
     ASSERT_EQ(a.copyin(src, 20, 3, 2), 1);
     EXPECT_EQ(a.size(), 23);
@@ -118,21 +99,15 @@ TEST(ContainersPageArr, GetBlockRepaginateReverseAndBulkCopies) {
     ASSERT_EQ(a.copyout(out, 20, 3, 1), 1);
     EXPECT_EQ(out[2], 3);
     EXPECT_EQ(a.copyout(out, 22, 3, 1), 0);  // beyond the count
-
-    intcoPageArr b;
+    intcoPageArr b, c(utCopy, a);
     ASSERT_EQ(b.copy(a, 0, 20, 3), 1);
-    EXPECT_EQ(b.size(), 3);
-    EXPECT_EQ(b[1], 2);
-    intcoPageArr c(utCopy, a);
+    EXPECT_TRUE(b.size() == 3 && b[1] == 2);
     c[0] = -5;
     EXPECT_EQ(a[0], 40);
     c.shrink(2, 1);
     EXPECT_EQ(c.size(), 2);
     c.clear(1);
     EXPECT_EQ(c.repaginate(), 0);
-    intcoPageArr empty(0, 16, 1);
-    empty.get_block(1);
-    EXPECT_EQ(empty.repaginate(), 32);  // an empty array gives back all its room
 }
 
 struct Counted {
@@ -144,26 +119,22 @@ struct Counted {
 TEST(ContainersPrf, OwningHandlesDeleteOnceAndExternalOnesNever) {
     int deaths = 0;
     {
-        coPrf<Counted> owner(new Counted(&deaths));
-        coPrf<Counted> copy = owner;
+        coPrf<Counted> owner(new Counted(&deaths)), copy = owner;
         EXPECT_FALSE(owner.external());
         EXPECT_EQ(owner.use_count(), 2);
-        std::shared_ptr<Counted> shared = copy;
+        const std::shared_ptr<Counted> shared = copy;
         EXPECT_EQ(shared.get(), owner.get());
     }
     EXPECT_EQ(deaths, 1);
-
-    deaths = 0;
     {
         Counted local(&deaths);
-        coPrf<Counted> ext(coPrfExtern, &local);
+        coPrf<Counted> ext(coPrfExtern, &local), copy = ext;
         EXPECT_TRUE(ext.external());
-        coPrf<Counted> copy = ext;
         std::shared_ptr<Counted> shared = copy;
         shared.reset();
         copy.reset();
     }
-    EXPECT_EQ(deaths, 1);  // only the stack object's own destructor ran
+    EXPECT_EQ(deaths, 2);  // only the stack object's own destructor ran
 }
 
 // Sorts a plain int array through the comparator interface.
@@ -181,15 +152,14 @@ class IntSort : public coQuickSort {
 
 TEST(ContainersQuickSort, SortsRandomSortedReversedAndConstantInput) {
     testsupport::Rng rng(7);
-    std::vector<std::vector<int>> inputs;
-    std::vector<int> random(5000), sorted(5000), reversed(5000), constant(5000, 3), few(5000);
+    std::vector<std::vector<int>> inputs(5, std::vector<int>(5000, 3));  // the last stays constant
     for (int i = 0; i < 5000; ++i) {
-        random[i] = rng.integer(-100000, 100000);
-        sorted[i] = i;
-        reversed[i] = -i;
-        few[i] = rng.integer(0, 3);
+        inputs[0][i] = rng.integer(-100000, 100000);
+        inputs[1][i] = i;
+        inputs[2][i] = -i;
+        inputs[3][i] = rng.integer(0, 3);  // few distinct values
     }
-    inputs = {random, sorted, reversed, constant, few, {2, 1}, {1}, {}};
+    inputs.insert(inputs.end(), {{2, 1}, {1}, {}});
     IntSort sorter;
     for (std::vector<int> v : inputs) {
         std::vector<int> expected = v;
@@ -208,15 +178,11 @@ TEST(ContainersQuickSort, IndexSortOrdersIndicesByPagedKeys) {
         index.append(i);
     }
     doublecoQuickSortIndex(keys).sort(index);
-    std::vector<int> seen(700, 0);
-    for (int i = 0; i < 700; ++i) {
-        ++seen[index[i]];
-        if (i > 0) {
-            EXPECT_LE(keys[index[i - 1]], keys[index[i]]);
-        }
-    }
-    EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](int s) { return s == 1; }));
-
+    std::vector<double> ordered;
+    for (int i : index) ordered.push_back(keys[i]);
+    EXPECT_TRUE(std::is_sorted(ordered.begin(), ordered.end()));
+    std::sort(index.begin(), index.end());
+    for (int i = 0; i < 700; ++i) ASSERT_EQ(index[i], i);  // a permutation
     // Equal keys by index, NaN keys last: a defined order whatever the keys.
     doublecoPageArr ties(0, 4, 1);
     const double nan = std::nan("");

@@ -35,8 +35,7 @@ TEST(GeometryInfLine, ClosestPointsOfSkewAndCrossingLines) {
     closest_points(x_axis, giInfLine3(giPoint3(3, -2, 1), giVector3(0, 1, 0)), giAngle(1, 1e-3), t1,
                    t2, status);
     EXPECT_EQ(status, 1);
-    EXPECT_NEAR(t1, 3.0, 1e-15);
-    EXPECT_NEAR(t2, 2.0, 1e-15);
+    EXPECT_TRUE(std::fabs(t1 - 3.0) <= 1e-15 && std::fabs(t2 - 2.0) <= 1e-15);
 
     // Lines built to cross at a known point at known parameters.
     testsupport::Rng rng(13);
@@ -57,9 +56,7 @@ TEST(GeometryInfLine, ClosestPointsOfSkewAndCrossingLines) {
 
     const giInfLine2 l1(giPoint2(0, 0), giVector2(1, 0)), l2(giPoint2(3, -4), giVector2(0, 2));
     closest_points(l1, l2, giAngle(), t1, t2, status);
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(t1, 3.0);
-    EXPECT_EQ(t2, 4.0);
+    EXPECT_TRUE(status == 1 && t1 == 3.0 && t2 == 4.0);
 }
 
 TEST(GeometryInfLine, ParallelWithinTheToleranceAngleGivesStatusZero) {
@@ -70,20 +67,15 @@ TEST(GeometryInfLine, ParallelWithinTheToleranceAngleGivesStatusZero) {
     double t1 = 0, t2 = 0;
     int status = -5;
     closest_points(base, tilted, giAngle(0, 1e-2), t1, t2, status);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(t1, 0.0);
+    EXPECT_TRUE(status == 0 && t1 == 0.0);
     closest_points(base, opposite, giAngle(), t1, t2, status);  // exactly parallel, zero tolerance
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(t1, 0.0);
-    EXPECT_EQ(t2, 5.0);  // foot of base's point on the other line
+    EXPECT_TRUE(status == 0 && t1 == 0.0 && t2 == 5.0);  // foot of base's point on the other line
     closest_points(base, tilted, giAngle(0, 1e-4), t1, t2, status);
     EXPECT_EQ(status, 1);
 
-    t1 = t2 = 42.0;
+    t1 = t2 = 42.0;  // an unset line: status -1, nothing written
     closest_points(base, giInfLine3(), giAngle(), t1, t2, status);
-    EXPECT_EQ(status, -1);
-    EXPECT_EQ(t1, 42.0);
-    EXPECT_EQ(t2, 42.0);
+    EXPECT_TRUE(status == -1 && t1 == 42.0 && t2 == 42.0);
     const giInfLine2 a(giPoint2(0, 0), giVector2(1, 0)), b(giPoint2(0, 1), giVector2(-3, 0));
     closest_points(a, b, giAngle(), t1, t2, status);
     EXPECT_EQ(status, 0);
@@ -127,11 +119,10 @@ TEST(GeometryCircle, ThroughThreePointsOrNone) {
     }
     // Collinear, coincident and unset points fail and leave the circle unset.
     giCircle3 circle;
-    EXPECT_EQ(circle.become_through_points(giPoint3(0, 0, 0), giPoint3(1, 1, 1), giPoint3(3, 3, 3)),
-              0);
-    EXPECT_EQ(circle.become_through_points(giPoint3(1, 2, 3), giPoint3(1, 2, 3), giPoint3(0, 0, 1)),
-              0);
-    EXPECT_EQ(circle.become_through_points(giPoint3(), giPoint3(1, 0, 0), giPoint3(0, 1, 0)), 0);
+    const giPoint3 fails[][3] = {{giPoint3(0, 0, 0), giPoint3(1, 1, 1), giPoint3(3, 3, 3)},
+                                 {giPoint3(1, 2, 3), giPoint3(1, 2, 3), giPoint3(0, 0, 1)},
+                                 {giPoint3(), giPoint3(1, 0, 0), giPoint3(0, 1, 0)}};
+    for (const auto& p : fails) EXPECT_EQ(circle.become_through_points(p[0], p[1], p[2]), 0);
     EXPECT_FALSE(circle.is_set());
 }
 

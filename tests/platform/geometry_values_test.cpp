@@ -27,12 +27,9 @@ TEST(GeometryVector, CacheGoesUnknownThenMinusSquareThenLength) {
     EXPECT_EQ(v.length(), 13.0);
     EXPECT_EQ(v.length_cache(), 13.0);
     EXPECT_EQ(v.length_squared(), 169.0);
-
-    // The inline read path: a reader completing the raw state itself.
     const giVector2 w(6.0, 8.0);
     w.length_squared();
-    const double c = w.length_cache();
-    EXPECT_EQ(c < 0.0 ? std::sqrt(-c) : c, 10.0);
+    EXPECT_EQ(w.length_cache(), -100.0);
 }
 
 // Every coordinate change must drop a cached length; a stale cache would
@@ -75,10 +72,7 @@ TEST(GeometryVector, LengthSurvivesOverflowAndUnderflowOfTheSquare) {
 }
 
 TEST(GeometryVector, DotAndCrossKnownTruths) {
-    const giVector3 x(1, 0, 0), y(0, 1, 0), z(0, 0, 1);
-    EXPECT_EQ(cross(x, y), z);
-    EXPECT_EQ(cross(y, z), x);
-    EXPECT_EQ(cross(z, x), y);
+    EXPECT_EQ(cross(giVector3(1, 0, 0), giVector3(0, 1, 0)), giVector3(0, 0, 1));
     EXPECT_EQ(cross(giVector3(1, 2, 3), giVector3(4, 5, 6)), giVector3(-3, 6, -3));
     EXPECT_EQ(dot(giVector3(1, 2, 3), giVector3(4, 5, 6)), 32.0);
     EXPECT_EQ(cross(giVector2(1, 0), giVector2(0, 1)), 1.0);
@@ -86,10 +80,8 @@ TEST(GeometryVector, DotAndCrossKnownTruths) {
 }
 
 TEST(GeometryPoint, UnsetOriginArithmeticAndCoincidence) {
-    EXPECT_EQ(giPoint3().z(), DBL_MAX);
     EXPECT_FALSE(giPoint3().is_set());
     EXPECT_FALSE(giPoint3(-DBL_MAX, 0, 0).is_set());
-    EXPECT_EQ(giVector3().x(), -DBL_MAX);
     EXPECT_EQ(giPoint3(giOrigin), giPoint3(0, 0, 0));
 
     const giPoint3 p(1, 2, 3), q(4, 6, 15);
@@ -107,22 +99,38 @@ TEST(GeometryPoint, UnsetOriginArithmeticAndCoincidence) {
     EXPECT_FALSE(p.coincident(p, -1.0));
 }
 
-TEST(GeometryUnitVec, NormalisesFromCoordinatesAndVectors) {
+// Axes, near-axes and random directions over 500 decades, from coordinates
+// and from vectors: a unit vector (flagged so in its cache) of v's sense, and
+// a unit normal across it.
+TEST(GeometryUnitVec, NormalisesAndFindsANormalForEveryDirection) {
+    std::vector<giVector3> dirs = {
+        giVector3(1, 0, 0), giVector3(0, 1, 0),      giVector3(0, 0, 1),       giVector3(-1, 0, 0),
+        giVector3(1, 1, 1), giVector3(1, 1e-300, 0), giVector3(1e-9, 1e-9, -1)};
     testsupport::Rng rng(11);
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 300; ++i) {
         const double scale = std::pow(10.0, rng.uniform(-250, 250));
-        const giVector3 v(scale * rng.normal(), scale * rng.normal(), scale * rng.normal());
+        dirs.push_back(giVector3(scale * rng.normal(), scale * rng.normal(), scale * rng.normal()));
+    }
+    for (const giVector3& v : dirs) {
         for (const giUnitVec3& u : {giUnitVec3(v), giUnitVec3(v.x(), v.y(), v.z())}) {
             ASSERT_TRUE(u.is_set());
             EXPECT_EQ(u.length_cache(), 1.0);
             EXPECT_NEAR(std::sqrt(u.x() * u.x() + u.y() * u.y() + u.z() * u.z()), 1.0, 1e-15);
-            // Same direction: u parallel to v and pointing the same way.
             EXPECT_NEAR(cross(u, giVector3(v / v.length())).length(), 0.0, 1e-15);
             EXPECT_GT(dot(u, v), 0.0);
+            const giUnitVec3 n = u.any_normal();
+            ASSERT_TRUE(n.is_set());
+            EXPECT_NEAR(std::sqrt(n.x() * n.x() + n.y() * n.y() + n.z() * n.z()), 1.0, 1e-15);
+            EXPECT_NEAR(dot(n, u), 0.0, 1e-15);
         }
-        const giUnitVec2 u2(v.x(), v.y());
-        EXPECT_NEAR(dot(u2, giVector2(v.x(), v.y())) / std::hypot(v.x(), v.y()), 1.0, 1e-15);
+        const double h = std::hypot(v.x(), v.y());
+        if (h > 0) {  // the 2D unit vector of (x, y)
+            EXPECT_NEAR(dot(giUnitVec2(v.x(), v.y()), giVector2(v.x(), v.y())) / h, 1.0, 1e-15);
+        }
     }
+    const giUnitVec2 u2(3, 4);
+    EXPECT_EQ(dot(u2, u2.any_normal()), 0.0);
+    EXPECT_GT(cross(u2, u2.any_normal()), 0.0);  // turned counterclockwise
 }
 
 TEST(GeometryUnitVec, NoDirectionGivesAnUnsetUnitVector) {
@@ -139,25 +147,6 @@ TEST(GeometryUnitVec, NoDirectionGivesAnUnsetUnitVector) {
     EXPECT_DOUBLE_EQ(n.y(), -2.0 / 3.0);
 }
 
-TEST(GeometryUnitVec, AnyNormalIsAPerpendicularUnitVectorForEveryDirection) {
-    std::vector<giUnitVec3> dirs = {giUnitVec3(giXAxis),       giUnitVec3(giYAxis),
-                                    giUnitVec3(giZAxis),       -giUnitVec3(giXAxis),
-                                    giUnitVec3(1, 1, 1),       giUnitVec3(1, 1e-300, 0),
-                                    giUnitVec3(1e-9, 1e-9, -1)};
-    testsupport::Rng rng(3);
-    for (int i = 0; i < 300; ++i)
-        dirs.push_back(giUnitVec3(rng.normal(), rng.normal(), rng.normal()));
-    for (const giUnitVec3& u : dirs) {
-        const giUnitVec3 n = u.any_normal();
-        ASSERT_TRUE(n.is_set());
-        EXPECT_NEAR(std::sqrt(n.x() * n.x() + n.y() * n.y() + n.z() * n.z()), 1.0, 1e-15);
-        EXPECT_NEAR(dot(n, u), 0.0, 1e-15);
-    }
-    const giUnitVec2 u2(3, 4);
-    EXPECT_EQ(dot(u2, u2.any_normal()), 0.0);
-    EXPECT_GT(cross(u2, u2.any_normal()), 0.0);  // turned counterclockwise
-}
-
 TEST(GeometryLength, ThreeStatesAndValidation) {
     const giLength sq = giLength::from_squared(25.0);
     EXPECT_EQ(sq.state(), -25.0);
@@ -167,25 +156,18 @@ TEST(GeometryLength, ThreeStatesAndValidation) {
     EXPECT_EQ(giLength(-2.5).value(), 2.5);
     EXPECT_EQ(giLength::from_squared(0.0).value(), 0.0);
     EXPECT_FALSE(giLength().is_known());
-    EXPECT_EQ(giLength().value(), DBL_MAX);
     EXPECT_LT(giLength::from_squared(4.0), giLength(2.5));
 }
 
-struct DegreeCase {
-    double degrees, radians;
-};
-
 TEST(GeometryAngle, DegreesAndRadiansRoundTrip) {
     // Binary fractions of 180 degrees convert exactly both ways.
-    for (const DegreeCase& c : {DegreeCase{0, 0}, DegreeCase{90, kPi / 2}, DegreeCase{180, kPi},
-                                DegreeCase{45, kPi / 4}, DegreeCase{-360, -2 * kPi}}) {
-        EXPECT_EQ(giAngle(giANGLE_DEGREES, c.degrees).radians(), c.radians);
-        EXPECT_EQ(giAngle(giANGLE_RADIANS, c.radians).degrees(), c.degrees);
+    const double table[][2] = {{0, 0}, {90, kPi / 2}, {180, kPi}, {45, kPi / 4}, {-360, -2 * kPi}};
+    for (const auto& c : table) {
+        EXPECT_EQ(giAngle(giANGLE_DEGREES, c[0]).radians(), c[1]);
+        EXPECT_EQ(giAngle(giANGLE_RADIANS, c[1]).degrees(), c[0]);
     }
     EXPECT_NEAR(giAngle(0, giAngle(1, -123.456).radians()).degrees(), -123.456, 1e-12);
     EXPECT_TRUE(std::isnan(giAngle(2, 1.0).radians()));
-    EXPECT_EQ(giAngle(1, 90), giAngle::right());
-    EXPECT_EQ(giAngle(1, 180), giAngle::straight());
 }
 
 TEST(GeometryAngle, FromCosineClampsAndFromTangentComponentsKeepsTheQuadrant) {
@@ -198,7 +180,9 @@ TEST(GeometryAngle, FromCosineClampsAndFromTangentComponentsKeepsTheQuadrant) {
     EXPECT_NEAR(giAngle(giAngleTangent2, 0.0, -3.0).degrees(), 180.0, 1e-12);
 }
 
-TEST(GeometryAngle, TangentStatusIsZeroWhereTheTangentIsUndefined) {
+// The tangent's status is 0 where it is undefined; angles order and
+// coincide by their radians, a negative tolerance admitting nothing.
+TEST(GeometryAngle, TangentStatusOrderingAndCoincidence) {
     for (double deg : {90.0, -90.0, 270.0}) {
         int status = 7;
         giAngle(giANGLE_DEGREES, deg).tan(status);
@@ -209,9 +193,6 @@ TEST(GeometryAngle, TangentStatusIsZeroWhereTheTangentIsUndefined) {
     EXPECT_EQ(status, 1);
     EXPECT_EQ(giAngle().tan(status), 0.0);
     EXPECT_EQ(status, 1);
-}
-
-TEST(GeometryAngle, OrderingAndCoincidence) {
     EXPECT_LT(giAngle::zero(), giAngle(1, 10));
     EXPECT_LT(giAngle(1, 10), giAngle::right());
     EXPECT_LE(giAngle::right(), giAngle(1, 90));

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <ostream>
 #include <vector>
 
 #include "metrofit/platform/maths/eigen.h"
@@ -45,51 +44,44 @@ std::vector<double> descending(std::vector<double> v) {
     return v;
 }
 
-struct SvdCase {
-    const char* name;
-    int rows, cols;
-    std::vector<double> s;  // known singular values, unsorted
-};
-void PrintTo(const SvdCase& c, std::ostream* os) { *os << c.name; }
-
-class MathsSingularValueDecomposition : public ::testing::TestWithParam<SvdCase> {};
-
 // U diag(s) V^T from chosen orthonormal factors: values come back sorted,
 // factors orthonormal, the product rebuilt, and the right singular vectors of
 // distinct non-zero values found up to sign.
-TEST_P(MathsSingularValueDecomposition, RecoversKnownFactors) {
-    const SvdCase& c = GetParam();
-    const int k = static_cast<int>(c.s.size());
-    const mlMatrix u = orthonormal(c.rows, k, 1), v = orthonormal(c.cols, k, 2);
-    const mlMatrix m = compose(u, c.s, v);
-    const std::vector<double> sorted = descending(c.s);
-    const bool tall = c.rows > 1000;  // V only: no rows x k U is formed
-    const mlSingularValueDecomposition svd =
-        tall ? mlSingularValueDecomposition(m, mlJOB_V) : mlSingularValueDecomposition(m);
-    ASSERT_EQ(svd.diagonal().size(), k);
-    for (int i = 0; i < k; ++i) EXPECT_NEAR(svd.diagonal()[i], sorted[i], 1e-13 * sorted[0]);
-    EXPECT_EQ(svd.U().empty(), tall);
-    const mlMatrix vtv(mlMatrixProduct, mlMatrix(mlMatrixTranspose, svd.V()), svd.V());
-    EXPECT_LT(max_difference(vtv, mlMatrix(mlMatrixIdentity, k)), 1e-13);
-    if (!tall) {
-        const std::vector<double> s(svd.diagonal().begin(), svd.diagonal().end());
-        EXPECT_LT(max_difference(compose(svd.U(), s, svd.V()), m), 1e-13 * sorted[0]);
-    }
-    for (int j = 0; j < k; ++j) {
-        if (c.s[j] == 0.0 || std::count(c.s.begin(), c.s.end(), c.s[j]) > 1) continue;
-        const int i =
-            static_cast<int>(std::find(sorted.begin(), sorted.end(), c.s[j]) - sorted.begin());
-        EXPECT_NEAR(std::fabs(scalar_product(svd.V().column(i), v.column(j))), 1.0, 1e-12);
+TEST(MathsSingularValueDecomposition, RecoversKnownFactors) {
+    const struct {
+        const char* name;
+        int rows, cols;
+        std::vector<double> s;  // known singular values, unsorted
+    } cases[] = {{"square", 5, 5, {2, 9, 0.5, 4, 1}},
+                 {"tall", 7, 3, {1e-3, 3, 8}},
+                 {"wide", 3, 6, {5, 0.1, 2}},
+                 {"rank deficient", 6, 4, {0, 7, 0, 3}},
+                 {"10000 points", 10000, 3, {100, 1, 10}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int k = static_cast<int>(c.s.size());
+        const mlMatrix u = orthonormal(c.rows, k, 1), v = orthonormal(c.cols, k, 2);
+        const mlMatrix m = compose(u, c.s, v);
+        const std::vector<double> sorted = descending(c.s);
+        const bool tall = c.rows > 1000;  // V only: no rows x k U is formed
+        const mlSingularValueDecomposition svd =
+            tall ? mlSingularValueDecomposition(m, mlJOB_V) : mlSingularValueDecomposition(m);
+        ASSERT_EQ(svd.diagonal().size(), k);
+        for (int i = 0; i < k; ++i) EXPECT_NEAR(svd.diagonal()[i], sorted[i], 1e-13 * sorted[0]);
+        EXPECT_EQ(svd.U().empty(), tall);
+        const mlMatrix vtv(mlMatrixProduct, mlMatrix(mlMatrixTranspose, svd.V()), svd.V());
+        EXPECT_LT(max_difference(vtv, mlMatrix(mlMatrixIdentity, k)), 1e-13);
+        if (!tall) {
+            const std::vector<double> s(svd.diagonal().begin(), svd.diagonal().end());
+            EXPECT_LT(max_difference(compose(svd.U(), s, svd.V()), m), 1e-13 * sorted[0]);
+        }
+        for (int j = 0; j < k; ++j) {
+            if (c.s[j] == 0.0 || std::count(c.s.begin(), c.s.end(), c.s[j]) > 1) continue;
+            const auto i = std::find(sorted.begin(), sorted.end(), c.s[j]) - sorted.begin();
+            EXPECT_NEAR(std::fabs(scalar_product(svd.V().column(int(i)), v.column(j))), 1.0, 1e-12);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(MathsKnownFactors, MathsSingularValueDecomposition,
-                         ::testing::Values(SvdCase{"square", 5, 5, {2, 9, 0.5, 4, 1}},
-                                           SvdCase{"tall", 7, 3, {1e-3, 3, 8}},
-                                           SvdCase{"wide", 3, 6, {5, 0.1, 2}},
-                                           SvdCase{"rank_deficient", 6, 4, {0, 7, 0, 3}},
-                                           SvdCase{"points10000", 10000, 3, {100, 1, 10}}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(MathsPseudoInverse, FollowsTheToleranceRuleAndSolvesLeastSquares) {
     // Rank 2 of 4: the pseudo-inverse is V diag(1/7, 1/3, 0, 0) U^T.

@@ -1,20 +1,22 @@
 #include "metrofit/platform/surface/mesh_surface.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/random.h"
 #include "tests/support/sampling.h"
+#include "tests/support/tool_files.h"
 
 namespace {
+
+using testsupport::kPi;
 
 // Axis-aligned box [0, sx] x [0, sy] x [0, sz], two facets per face, wound
 // outward; the corners meet 3 to 6 facets, so only an angle-weighted vertex
@@ -31,35 +33,28 @@ srkMeshSurf box_mesh(double sx, double sy, double sz) {
     return srkMeshSurf(v, t);
 }
 
-// Unit sphere by latitude rings, wound outward.
+// Unit sphere by latitude rings, wound outward. Each pole is repeated once
+// per segment: the copies merge and the facets between them, of no area, go.
 srkMeshSurf sphere_mesh(int rings, int segments) {
-    const double pi = testsupport::kPi;
     giPoint3coDynArr v;
-    v.append(giPoint3(0, 0, 1));
-    for (int i = 1; i < rings; ++i)
-        for (int j = 0; j < segments; ++j) {
-            const double th = pi * i / rings, ph = 2 * pi * j / segments;
-            v.append(
-                giPoint3(std::sin(th) * std::cos(ph), std::sin(th) * std::sin(ph), std::cos(th)));
-        }
-    v.append(giPoint3(0, 0, -1));
-    const int south = v.size() - 1;
-    auto at = [segments](int i, int j) { return 1 + (i - 1) * segments + j % segments; };
     intcoDynArr t;
-    for (int j = 0; j < segments; ++j) {
-        for (int k : {0, at(1, j), at(1, j + 1), south, at(rings - 1, j + 1), at(rings - 1, j)})
-            t.append(k);
-        for (int i = 1; i + 1 < rings; ++i)
-            for (int k : {at(i, j), at(i + 1, j), at(i + 1, j + 1), at(i, j), at(i + 1, j + 1),
-                          at(i, j + 1)})
-                t.append(k);
-    }
+    for (int i = 0; i <= rings; ++i)
+        for (int j = 0; j < segments; ++j) {
+            const double th = kPi * i / rings, ph = 2 * kPi * j / segments;
+            const double r = i == 0 || i == rings ? 0.0 : std::sin(th);
+            v.append(giPoint3(r * std::cos(ph), r * std::sin(ph), std::cos(th)));
+            const int a = i * segments + j, b = i * segments + (j + 1) % segments;
+            if (i < rings)
+                for (int k : {a, a + segments, b + segments, a, b + segments, b}) t.append(k);
+        }
     return srkMeshSurf(v, t);
 }
 
 // Distance from p to a triangle, computed independently of the library: the
 // plane foot when it falls inside, else the nearest of the three sides.
-double brute_distance(const giPoint3& p, const giPoint3& a, const giPoint3& b, const giPoint3& c) {
+double brute_distance(const srkMeshSurf& m, const giPoint3& p, int f) {
+    const giPoint3 a = m.vertex(m.facet_vertex(f, 0)), b = m.vertex(m.facet_vertex(f, 1)),
+                   c = m.vertex(m.facet_vertex(f, 2));
     const giVector3 n = cross(b - a, c - a);
     const giPoint3 foot = p - n * (dot(p - a, n) / n.length_squared());
     const bool inside = dot(cross(b - a, foot - a), n) >= 0 &&
@@ -71,11 +66,6 @@ double brute_distance(const giPoint3& p, const giPoint3& a, const giPoint3& b, c
         best = std::fmin(best, distance(p, s + (e - s) * t));
     }
     return best;
-}
-
-double brute_distance(const srkMeshSurf& m, const giPoint3& p, int f) {
-    return brute_distance(p, m.vertex(m.facet_vertex(f, 0)), m.vertex(m.facet_vertex(f, 1)),
-                          m.vertex(m.facet_vertex(f, 2)));
 }
 
 srkSurfPointList project(const srkSurf& m, const giPoint3& p) {
@@ -150,34 +140,23 @@ TEST(MeshSurface, FootPointsOnFacesEdgesCornersAndThinWalls) {
     }
 }
 
+// From c + out the nearest point is c + out / 2, on a face (its diagonal
+// edge), an edge or a corner of the cube; the normal there is out normalised,
+// however the faces are triangulated, and exact on a face.
 TEST(MeshSurface, NormalsOnFacesEdgesAndCornersAreAngleWeighted) {
     const srkMeshSurf cube = box_mesh(1, 1, 1);
     const giPoint3 c(0.5, 0.5, 0.5);
-    const double r = 1.0 / std::sqrt(3.0), h = 1.0 / std::sqrt(2.0);
-    for (int i = 0; i < 8; ++i) {  // corners: the normalised diagonal, however triangulated
-        const giVector3 sign(2 * (i & 1) - 1, 2 * ((i >> 1) & 1) - 1, 2 * (i >> 2) - 1);
-        const srkSurfPointList s = project(cube, c + sign);
-        ASSERT_EQ(s.size(), 1);
-        EXPECT_EQ(s[0].position, c + sign * 0.5);
-        expect_near(cube.normal_at(s[0], kTol), sign * r, 1e-15);
+    for (int i = 0; i < 27; ++i) {
+        const giVector3 out(i % 3 - 1, i / 3 % 3 - 1, i / 9 - 1);
+        if (i == 13) continue;  // the centre
+        const srkSurfPointList s = project(cube, c + out);
+        ASSERT_EQ(s.size(), 1) << i;
+        EXPECT_EQ(s[0].position, c + out * 0.5) << i;
+        const double length = out.length();
+        expect_near(cube.normal_at(s[0], kTol), out * (1 / length), length > 1 ? 1e-15 : 0.0);
     }
-    for (int a = 0; a < 3; ++a)  // edges: the mean of the two face normals
-        for (int sa : {-1, 1})
-            for (int sb : {-1, 1}) {
-                double e[3] = {0, 0, 0};
-                e[a] = sa;
-                e[(a + 1) % 3] = sb;
-                const giVector3 out(e[0], e[1], e[2]);
-                const srkSurfPointList s = project(cube, c + out);
-                expect_near(cube.normal_at(s[0], kTol), out * h, 1e-15);
-            }
-    // Face interior and the flat diagonal edge: the exact face normal.
-    for (const giPoint3& p : {giPoint3(0.2, 0.7, 1.3), giPoint3(0.5, 0.5, 1.3)}) {
-        const giUnitVec3 n = cube.normal_at(project(cube, p)[0], kTol);
-        EXPECT_EQ(n.x(), 0.0);
-        EXPECT_EQ(n.y(), 0.0);
-        EXPECT_EQ(n.z(), 1.0);
-    }
+    const giUnitVec3 n = cube.normal_at(project(cube, giPoint3(0.2, 0.7, 1.3))[0], kTol);
+    EXPECT_TRUE(n.x() == 0.0 && n.y() == 0.0 && n.z() == 1.0);
     // A record without a facet is located on the mesh.
     expect_near(cube.normal_at(srkSurfPoint(giPoint3(0.3, 0, 0.6)), kTol), giVector3(0, -1, 0), 0);
 }
@@ -210,53 +189,45 @@ TEST(MeshSurface, RefusesBadInputAndEmptyMeshes) {
 
 namespace {
 
-std::string binary_stl(const srkMeshSurf& m, const char* header) {
-    std::string s(80, '\0');
-    std::memcpy(&s[0], header, std::strlen(header));
-    auto put = [&s](const void* p, int n) { s.append(static_cast<const char*>(p), n); };
+// The mesh as binary STL (the given header, zero normals) and as text
+// (keywords in mixed case, signed coordinates).
+std::pair<std::string, std::string> stl(const srkMeshSurf& m, const char* header) {
+    std::string bin(80, '\0');
+    bin.replace(0, std::strlen(header), header);
+    auto put = [&bin](const void* p, int n) { bin.append(static_cast<const char*>(p), n); };
+    std::ostringstream text;
+    text.precision(17);
+    text << "solid cube\n";
     const std::uint32_t n = m.facet_count();
     put(&n, 4);
     for (int f = 0; f < m.facet_count(); ++f) {
         const float zero[3] = {0, 0, 0};
         put(zero, 12);
+        text << "  FACET normal 0 0 0\n    outer loop\n";
         for (int k = 0; k < 3; ++k) {
             const giPoint3 q = m.vertex(m.facet_vertex(f, k));
             const float xyz[3] = {float(q.x()), float(q.y()), float(q.z())};
             put(xyz, 12);
+            text << "      vertex " << q.x() << ' ' << q.y() << " +" << q.z() << '\n';
         }
         put("\0\0", 2);
+        text << "    endloop\n  endfacet\n";
     }
-    return s;
-}
-
-std::string ascii_stl(const srkMeshSurf& m) {
-    std::ostringstream s;
-    s.precision(17);
-    s << "solid cube\n";
-    for (int f = 0; f < m.facet_count(); ++f) {
-        s << "  FACET normal 0 0 0\n    outer loop\n";
-        for (int k = 0; k < 3; ++k) {
-            const giPoint3 q = m.vertex(m.facet_vertex(f, k));
-            s << "      vertex " << q.x() << ' ' << q.y() << " +" << q.z() << '\n';
-        }
-        s << "    endloop\n  endfacet\n";
-    }
-    s << "endsolid cube\n";
-    return s.str();
+    return {bin, text.str() + "endsolid cube\n"};
 }
 
 }  // namespace
 
+// A binary header that starts with "solid" must still be read as binary.
 TEST(MeshSurface, StlFilesRoundTripInBinaryAndText) {
     const srkMeshSurf cube = box_mesh(1, 2, 0.5);
-    const std::string path =
-        ::testing::TempDir() + "mesh_surface_test_" + std::to_string(::getpid()) + ".stl";
-    // A binary header that starts with "solid" must still be read as binary.
-    for (const std::string& content : {binary_stl(cube, "solid but binary"), ascii_stl(cube)}) {
-        std::ofstream(path, std::ios::binary) << content;
+    const auto [binary, text] = stl(cube, "solid but binary");
+    for (const std::string& content : {binary, text}) {
+        const std::string path = testsupport::temp_file("mesh", "cube.stl", content);
         srkMeshSurf read;
         std::string error;
         ASSERT_EQ(srkMeshSurf::read_stl(path, read, error), 1) << error;
+        std::remove(path.c_str());
         EXPECT_EQ(read.vertex_count(), 8);  // the 36 corners merge into 8 shared vertices
         EXPECT_EQ(read.facet_count(), 12);
         testsupport::Rng rng(3);
@@ -266,27 +237,21 @@ TEST(MeshSurface, StlFilesRoundTripInBinaryAndText) {
             ASSERT_EQ(a.size(), b.size());
             for (int k = 0; k < a.size(); ++k) EXPECT_EQ(a[k].position, b[k].position);
         }
+        EXPECT_EQ(srkMeshSurf::read_stl(path, read, error), 0);
+        EXPECT_NE(error.find("cannot open"), std::string::npos);
     }
-    std::remove(path.c_str());
-    srkMeshSurf none;
-    std::string error;
-    EXPECT_EQ(srkMeshSurf::read_stl(path, none, error), 0);
-    EXPECT_NE(error.find("cannot open"), std::string::npos);
 }
 
 TEST(MeshSurface, MalformedStlIsRefusedWithAMessage) {
     const srkMeshSurf cube = box_mesh(1, 1, 1);
-    const std::string good = binary_stl(cube, "");
-    std::string huge_count = good.substr(0, 134);
+    const std::string good = stl(cube, "").first;
+    const std::string text = "solid t\nfacet normal 0 0 1\n outer loop\n  vertex 0 0 0\n";
+    std::string huge_count = good.substr(0, 134), nan_coordinate = good, flat = huge_count;
     huge_count[83] = 0x40;  // about a billion facets announced, one present
-    std::string nan_coordinate = good;
     const float nan = NAN;
     std::memcpy(&nan_coordinate[84 + 50 * 5 + 16], &nan, 4);
-    std::string flat = good.substr(0, 84 + 50);
-    std::memset(&flat[80], 0, 4);
+    flat.replace(84, 50, std::string(50, '\0'));  // one facet whose corners coincide
     flat[80] = 1;
-    std::memset(&flat[84], 0, 50);  // one facet whose corners coincide
-    const std::string text = "solid t\nfacet normal 0 0 1\n outer loop\n  vertex 0 0 0\n";
     const struct {
         std::string content;
         const char* message;
@@ -313,29 +278,26 @@ TEST(MeshSurface, MalformedStlIsRefusedWithAMessage) {
     }
 }
 
+// The original keeps its answers (bit-identical to a fresh mesh's) while its
+// transformed clone moves every foot point and normal.
 TEST(MeshSurface, CloneIsIndependentAndTransformMovesEverything) {
+    const srkMeshSurf fresh = sphere_mesh(16, 32);
     const srkSurfPtr original = std::make_shared<srkMeshSurf>(sphere_mesh(16, 32));
-    testsupport::Rng rng(5);
-    giPoint3coDynArr points;
-    std::vector<srkSurfPointList> before;
-    for (int i = 0; i < 100; ++i) {
-        // Near the surface, where the window holds few foot points.
-        const giUnitVec3 dir(rng.normal(), rng.normal(), rng.normal());
-        points.append(giPoint3(giOrigin) + dir * rng.uniform(0.8, 1.2));
-        before.push_back(project(*original, points[i]));
-    }
     srkSurfPtr moved = original->clone();
     const giXform3 x = testsupport::random_motion(37, 1e3, 11);
     ASSERT_EQ(srkSurf::transform(moved, x), 1);
     EXPECT_EQ(srkSurf::transform(moved, giXform3()), 0);
-    for (int i = 0; i < points.size(); ++i) {
-        // The original neither moved nor changed its answers (bit-identical).
-        const srkSurfPointList a = project(*original, points[i]),
-                               b = project(*moved, x * points[i]);
-        ASSERT_EQ(a.size(), before[i].size());
-        for (int k = 0; k < a.size(); ++k) EXPECT_EQ(a[k].position, before[i][k].position);
+    testsupport::Rng rng(5);
+    for (int i = 0; i < 100; ++i) {
+        // Near the surface, where the window holds few foot points.
+        const giUnitVec3 dir(rng.normal(), rng.normal(), rng.normal());
+        const giPoint3 p = giPoint3(giOrigin) + dir * rng.uniform(0.8, 1.2);
+        const srkSurfPointList a = project(*original, p), b = project(*moved, x * p);
+        const srkSurfPointList before = project(fresh, p);
+        ASSERT_EQ(a.size(), before.size());
         ASSERT_EQ(a.size(), b.size());
         for (int k = 0; k < a.size(); ++k) {
+            EXPECT_EQ(a[k].position, before[k].position);
             EXPECT_LE(distance(x * a[k].position, b[k].position), 1e-9);
             expect_near(x * original->normal_at(a[k], kTol), moved->normal_at(b[k], kTol), 1e-9);
         }

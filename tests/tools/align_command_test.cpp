@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/sampling.h"
@@ -72,27 +73,22 @@ std::string block(const giXform3& motion, const std::string& tail = "", int bump
 // find the motion, repeatably; the JSON has its shape.
 TEST(ToolAlign, RecoversAKnownMotion) {
     const giXform3 near = random_motion(10, 20, 11);
-    const struct {
-        std::vector<std::string> args;
-        giXform3 motion;
-        double tol;
-    } cases[] = {{{}, near, 1e-9},
-                 // The shift takes a turn error of 1e-11 rad times the 1e4 offset.
-                 {{}, random_motion(10, 1e4, 12), 1e-7},
-                 // A step drops turns below 1e-7 rad: 1e-7 times the 50 of the part.
-                 {{"--steps", "100"}, near, 1e-5}};
-    for (const auto& c : cases) {
-        const std::string rows = block(c.motion);
-        const AlignRun r = align(c.args, rows);
+    // The far shift takes a turn error of 1e-11 rad times the 1e4 offset; a
+    // step drops turns below 1e-7 rad: 1e-7 times the 50 of the part.
+    const std::tuple<std::vector<std::string>, giXform3, double> cases[] = {
+        {{}, near, 1e-9}, {{}, random_motion(10, 1e4, 12), 1e-7}, {{"--steps", "100"}, near, 1e-5}};
+    for (const auto& [args, motion, tol] : cases) {
+        const std::string rows = block(motion);
+        const AlignRun r = align(args, rows);
         ASSERT_EQ(r.status, kExitOk) << r.err;
         const std::vector<double> t = numbers(r.out, "transform");
         ASSERT_EQ(t.size(), 16u) << r.out;
-        for (int i = 0; i < 12; ++i) EXPECT_NEAR(t[i], c.motion(i / 4, i % 4), c.tol) << i;
+        for (int i = 0; i < 12; ++i) EXPECT_NEAR(t[i], motion(i / 4, i % 4), tol) << i;
         EXPECT_EQ(std::vector<double>(t.begin() + 12, t.end()), (std::vector<double>{0, 0, 0, 1}));
         EXPECT_EQ(numbers(r.out, "deviations").size(), 40u);  // before and after of 20
         EXPECT_GT(numbers(r.out, "max_before")[0], 1.0);
-        EXPECT_LT(numbers(r.out, "rms_after")[0], c.tol);
-        EXPECT_EQ(align(c.args, rows).out, r.out);
+        EXPECT_LT(numbers(r.out, "rms_after")[0], tol);
+        EXPECT_EQ(align(args, rows).out, r.out);
     }
 }
 
@@ -141,11 +137,7 @@ TEST(ToolAlign, LimitColumnsBoundTheDeviations) {
 
 TEST(ToolAlign, RefusesBadRowsAndOptions) {
     const std::string ok = "1 2 3 1 2 3 0 0 1\n";
-    const struct {
-        std::vector<std::string> args;
-        std::string input, message;
-        int status;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, std::string, std::string, int> cases[] = {
         {{}, ok + "1 2 3 4 5 6 0 0 1 0\n", "line 2: expected 9, 11 or 12 numbers", kExitUsage},
         {{}, ok + "# c\n1 2 3 4 5 6 nan 0 1\n", "line 3: value is not finite: 'nan'", kExitUsage},
         {{}, "P 1 2 3 4 5 6 0 0 1 -1 1\n", "takes 9 numbers after P", kExitUsage},
@@ -157,11 +149,11 @@ TEST(ToolAlign, RefusesBadRowsAndOptions) {
         {{"--lock-direction", "1,0,0"}, ok, "AX,AY,AZ:BX,BY,BZ", kExitUsage},
         {{"--lock-rotations", "--lock-direction=1,0,0:0,0,1"}, ok, "exclude", kExitUsage},
     };
-    for (const auto& c : cases) {
-        const AlignRun r = align(c.args, c.input);
-        EXPECT_EQ(r.status, c.status) << c.message;
+    for (const auto& [args, input, message, status] : cases) {
+        const AlignRun r = align(args, input);
+        EXPECT_EQ(r.status, status) << message;
         EXPECT_TRUE(r.out.empty()) << r.out;
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
     }
 }
 

@@ -1,15 +1,13 @@
-// The bestfit2d command: the sample recovered, a known motion recovered from
-// every kind of row, the per-point report, and bad profiles, rows and
-// arguments.
+// The bestfit2d command: a known motion recovered from every kind of row,
+// the report, the locks, and bad profiles, rows and arguments.
 #include "tools/metrofit/bestfit2d_command.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "tests/support/tool_files.h"
 #include "tools/metrofit/fit_command.h"
@@ -41,21 +39,16 @@ const char* kSquare =
     "line 0 0 0 20\nline 0 20 15 20\narc 15 20 18.5355339059327378 18.5355339059327378 20 15\n"
     "line 20 15 20 0\nline 20 0 0 0\n";
 
+const double kTurn = 2.0 * 3.14159265358979323846 / 180.0;
+
 // Points of the square turned by 2 degrees about the origin and shifted by
 // (0.3, -0.2), in the row form asked for (2 columns: on the profile; 4 or
 // 5: ball centres 1 outside).
 std::string points(int columns) {
-    const double nominal[][4] = {
-        {0, 5, -1, 0},
-        {0, 15, -1, 0},
-        {5, 20, 0, 1},
-        {10, 20, 0, 1},
-        {20, 10, 1, 0},
-        {20, 3, 1, 0},
-        {15, 0, 0, -1},
-        {5, 0, 0, -1},
-        {15 + 5 * std::sqrt(0.5), 15 + 5 * std::sqrt(0.5), std::sqrt(0.5), std::sqrt(0.5)}};
-    const double a = 2.0 * 3.14159265358979323846 / 180.0, c = std::cos(a), s = std::sin(a);
+    const double h = std::sqrt(0.5), a = kTurn, c = std::cos(a), s = std::sin(a);
+    const double nominal[][4] = {{0, 5, -1, 0},  {0, 15, -1, 0}, {5, 20, 0, 1},
+                                 {10, 20, 0, 1}, {20, 10, 1, 0}, {20, 3, 1, 0},
+                                 {15, 0, 0, -1}, {5, 0, 0, -1},  {15 + 5 * h, 15 + 5 * h, h, h}};
     std::ostringstream o;
     o.precision(17);
     for (const auto& p : nominal) {
@@ -86,29 +79,26 @@ std::vector<double> json(const std::string& text, const std::string& key) {
 
 TEST(Bestfit2dCommand, RecoversTheMotionFromEveryRowKind) {
     const std::string contour = temp_file("square.txt", kSquare);
-    const struct {
-        int columns;
-        std::vector<std::string> extra;
-    } cases[] = {{2, {}}, {4, {"--probe-radius", "1"}}, {5, {}}};
-    const double a = 2.0 * 3.14159265358979323846 / 180.0;
-    for (const auto& k : cases) {
+    const double c = std::cos(kTurn), s = std::sin(kTurn);
+    for (const int columns : {2, 4, 5}) {
+        SCOPED_TRACE(columns);
         std::vector<std::string> args = {"--contour", contour, "-", "--json"};
-        args.insert(args.end(), k.extra.begin(), k.extra.end());
-        const Outcome o = run(args, points(k.columns));
-        ASSERT_EQ(o.status, kExitOk) << k.columns << o.err;
+        if (columns == 4) args.insert(args.end(), {"--probe-radius", "1"});
+        const Outcome o = run(args, points(columns));
+        ASSERT_EQ(o.status, kExitOk) << o.err;
         const std::vector<double> t = json(o.out, "transform");
         ASSERT_EQ(t.size(), 9u) << o.out;
         // The inverse motion: turn by -2 degrees, then undo the shift.
-        EXPECT_NEAR(t[0], std::cos(a), 1e-9) << k.columns;
-        EXPECT_NEAR(t[3], -std::sin(a), 1e-9) << k.columns;
-        EXPECT_NEAR(t[2], -(std::cos(a) * 0.3 + std::sin(a) * -0.2), 1e-8) << k.columns;
-        EXPECT_NEAR(t[5], -(-std::sin(a) * 0.3 + std::cos(a) * -0.2), 1e-8) << k.columns;
-        EXPECT_LT(json(o.out, "max_distance")[0], 1e-8) << k.columns;
-        EXPECT_EQ(json(o.out, "unprojected")[0], 0) << k.columns;
+        EXPECT_NEAR(t[0], c, 1e-9);
+        EXPECT_NEAR(t[3], -s, 1e-9);
+        EXPECT_NEAR(t[2], -(c * 0.3 + s * -0.2), 1e-8);
+        EXPECT_NEAR(t[5], -(-s * 0.3 + c * -0.2), 1e-8);
+        EXPECT_LT(json(o.out, "max_distance")[0], 1e-8);
+        EXPECT_EQ(json(o.out, "unprojected")[0], 0);
         // Before the fit the points are off by up to the motion's size.
         double worst = 0.0;
         for (double d : json(o.out, "before")) worst = std::max(worst, std::fabs(d));
-        EXPECT_GT(worst, 0.1) << k.columns;
+        EXPECT_GT(worst, 0.1);
     }
 }
 
@@ -139,14 +129,9 @@ TEST(Bestfit2dCommand, RefusesBadInput) {
     const std::string gap = temp_file("gap.txt", "line 0 0 10 0\n# a gap\nline 10.5 0 20 0\n");
     const std::string bad = temp_file("bad.txt", "line 0 0 10 0\nspline 1 2\n");
     const std::string open = temp_file("open.txt", "line 0 0 10 0\n");
-    const struct {
-        std::vector<std::string> args;
-        std::string input;
-        int status;
-        const char* message;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, std::string, int, const char*> cases[] = {
         {{"-"}, "0 0\n", kExitUsage, "needs the nominal profile"},
-        {{"--contour", contour, "-", "--lock-origin", "0,0", "--lock-axis", "1,0"},
+        {{"--contour", contour, "-", "--lock-origin=0,0", "--lock-axis=1,0"},
          "",
          kExitUsage,
          "exclude each other"},
@@ -162,11 +147,11 @@ TEST(Bestfit2dCommand, RefusesBadInput) {
         {{"--contour", contour, "-"}, "# nothing\n", kExitRefused, "at least one point"},
         {{"--contour", open, "-"}, "-5 1\n20 1\n", kExitRefused, "no point projects"},
     };
-    for (const auto& k : cases) {
-        const Outcome o = run(k.args, k.input);
-        EXPECT_EQ(o.status, k.status) << k.message << ": " << o.err;
-        EXPECT_NE(o.err.find(k.message), std::string::npos) << o.err;
-        EXPECT_TRUE(o.out.empty()) << k.message;
+    for (const auto& [args, input, status, message] : cases) {
+        const Outcome o = run(args, input);
+        EXPECT_EQ(o.status, status) << message << ": " << o.err;
+        EXPECT_NE(o.err.find(message), std::string::npos) << o.err;
+        EXPECT_TRUE(o.out.empty()) << message;
     }
 }
 

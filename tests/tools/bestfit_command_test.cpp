@@ -4,11 +4,10 @@
 #include "tools/metrofit/bestfit_command.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
+#include <tuple>
 #include <utility>
 
 #include "metrofit/platform/geometry/xform.h"
@@ -37,7 +36,10 @@ std::string temp_file(const std::string& name, const std::string& content) {
     return testsupport::temp_file("bestfit", name, content);
 }
 
-std::string box_stl(const giVector3& at) { return testsupport::box_stl(at.x(), at.y(), at.z()); }
+// The box mesh moved by `at`, in a file.
+std::string box_file(const giVector3& at = giVector3(0, 0, 0)) {
+    return temp_file("box.stl", testsupport::box_stl(at.x(), at.y(), at.z()));
+}
 
 // The numbers of "key" in the JSON report (its value ends at the next key).
 std::vector<double> json(const std::string& text, const std::string& key) {
@@ -64,7 +66,8 @@ giXform3 transform(const std::string& text) {
 // with the approximate normal (x y z nx ny nz, for --probe-radius 1) and
 // centres 2 out with their radius (x y z nx ny nz 2). `feet` gets the
 // nominal surface points.
-std::string rows(const giVector3& at, const giXform3& motion, std::vector<giPoint3>& feet) {
+std::string rows(const giXform3& motion, std::vector<giPoint3>& feet,
+                 const giVector3& at = giVector3(0, 0, 0)) {
     testsupport::Rng rng(7);
     std::ostringstream s;
     s.precision(17);
@@ -90,12 +93,12 @@ std::string rows(const giVector3& at, const giXform3& motion, std::vector<giPoin
 
 TEST(BestfitCommand, RecoversAKnownMotionOnABoxMesh) {
     for (const giVector3 at : {giVector3(0, 0, 0), giVector3(1e3, -2e3, 5e2)}) {
-        const std::string stl = temp_file("box.stl", box_stl(at));
+        const std::string stl = box_file(at);
         const giXform3 motion = giXform3(giVector3(0.2, -0.1, 0.15)) *
                                 giXform3::rotation(giPoint3(20, 15, 10) + at, giVector3(1, 2, -2),
                                                    giAngle(giANGLE_DEGREES, 0.4));
         std::vector<giPoint3> feet;
-        const std::string input = rows(at, motion, feet);
+        const std::string input = rows(motion, feet, at);
         for (const char* band : {"-1,1", ""}) {
             std::vector<std::string> args = {"-", "--surface", stl, "--probe-radius",
                                              "1", "--json"};
@@ -114,7 +117,7 @@ TEST(BestfitCommand, RecoversAKnownMotionOnABoxMesh) {
 
 // Each motion is one the lock allows: it is recovered, and the lock holds.
 TEST(BestfitCommand, LocksHold) {
-    const std::string stl = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
+    const std::string stl = box_file();
     const giPoint3 pivot(20, 15, 10), corner(40, 30, 20);
     const giVector3 shift(0.3, -0.2, 0.1), z(0, 0, 1);
     const std::pair<const char*, giXform3> cases[] = {
@@ -124,7 +127,7 @@ TEST(BestfitCommand, LocksHold) {
     for (int k = 0; k < 3; ++k) {
         std::vector<giPoint3> feet;
         const Outcome r = run({"-", "--surface", stl, "--json", "--probe-radius=1", cases[k].first},
-                              rows(giVector3(0, 0, 0), cases[k].second, feet));
+                              rows(cases[k].second, feet));
         ASSERT_EQ(r.status, kExitOk) << r.err;
         const giXform3 T = transform(r.out);
         // No turn at all (exactly), the pivot in place, z along z.
@@ -140,10 +143,9 @@ TEST(BestfitCommand, LocksHold) {
 // positive outside, the second point is counted as unprojected, and both
 // reports carry every figure.
 TEST(BestfitCommand, ReportShapeAndSigns) {
-    const std::string stl = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
+    const std::string stl = box_file();
     std::vector<giPoint3> feet;
-    const std::string input =
-        rows(giVector3(0, 0, 0), giXform3(giIdentity), feet) + "20 15 20.05\n50 35 10\n";
+    const std::string input = rows(giXform3(giIdentity), feet) + "20 15 20.05\n50 35 10\n";
     const Outcome j = run({"-", "--surface", stl, "--json", "--probe-radius", "1"}, input);
     ASSERT_EQ(j.status, kExitOk) << j.err;
     EXPECT_EQ(json(j.out, "points"), std::vector<double>{38});
@@ -161,21 +163,28 @@ TEST(BestfitCommand, ReportShapeAndSigns) {
         EXPECT_NE(h.out.find(label), std::string::npos) << label;
 }
 
-// A scale of 1.002 (and 0.995) about the box centre with a turn and a shift:
-// recovered exactly, with and without a far-off start mended by pairs.
-TEST(BestfitCommand, ScaleRecoversAKnownScaleAndTakesPairs) {
-    const std::string stl = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
+// measured = motion * nominal, the motion a turn about the box centre c by
+// `degrees` about a skew axis and a shift after a scale of 1 / s about c.
+giXform3 scaled_motion(double s, double degrees, const giVector3& shift) {
     const giPoint3 c(20, 15, 10);
     const giVector3 cv = c - giPoint3(0, 0, 0);
+    return giXform3(shift) *
+           giXform3::rotation(c, giVector3(1, 2, -2), giAngle(giANGLE_DEGREES, degrees)) *
+           giXform3(cv) * giXform3::scaling(1 / s, 1 / s, 1 / s) * giXform3(cv * -1.0);
+}
+
+// A scale of 1.002 (and 0.995) about the box centre with a turn and a shift:
+// recovered exactly, with and without a far-off start mended by pairs, and
+// about a locked origin that stays.
+TEST(BestfitCommand, ScaleRecoversAKnownScaleAndTakesPairs) {
+    const std::string stl = box_file();
+    const std::vector<std::string> common = {"-",      "--surface",      stl, "--scale",
+                                             "--json", "--probe-radius", "1"};
     for (const double s : {1.002, 0.995}) {
         for (const double degrees : {0.4, 30.0}) {
-            // measured = motion * nominal; the fit maps measured onto nominal.
-            const giXform3 motion =
-                giXform3(giVector3(0.2, -0.1, degrees / 2)) *
-                giXform3::rotation(c, giVector3(1, 2, -2), giAngle(giANGLE_DEGREES, degrees)) *
-                giXform3(cv) * giXform3::scaling(1 / s, 1 / s, 1 / s) * giXform3(cv * -1.0);
+            const giXform3 motion = scaled_motion(s, degrees, giVector3(0.2, -0.1, degrees / 2));
             std::vector<giPoint3> feet;
-            const std::string input = rows(giVector3(0, 0, 0), motion, feet);
+            const std::string input = rows(motion, feet);
             std::ostringstream pairs;
             pairs.precision(17);
             for (const giPoint3& q : {giPoint3(0, 0, 0), giPoint3(40, 0, 0), giPoint3(0, 30, 20)}) {
@@ -183,9 +192,8 @@ TEST(BestfitCommand, ScaleRecoversAKnownScaleAndTakesPairs) {
                 pairs << m.x() << " " << m.y() << " " << m.z() << " " << q.x() << " " << q.y()
                       << " " << q.z() << "\n";
             }
-            std::vector<std::string> args = {"-",       "--surface",      stl,
-                                             "--scale", "--scale-centre", "20,15,10",
-                                             "--json",  "--probe-radius", "1"};
+            std::vector<std::string> args = common;
+            args.insert(args.end(), {"--scale-centre", "20,15,10"});
             if (degrees > 1) args.insert(args.end(), {"--pairs", temp_file("p.txt", pairs.str())});
             const Outcome r = run(args, input);
             ASSERT_EQ(r.status, kExitOk) << r.err;
@@ -195,77 +203,57 @@ TEST(BestfitCommand, ScaleRecoversAKnownScaleAndTakesPairs) {
             for (const giPoint3& p : feet) EXPECT_LT((T * (motion * p) - p).length(), 1e-6);
         }
     }
-    // A locked origin at c: the part turns and scales about it, and c stays.
-    {
-        const giXform3 motion =
-            giXform3::rotation(c, giVector3(1, 2, -2), giAngle(giANGLE_DEGREES, 0.4)) *
-            giXform3(cv) * giXform3::scaling(1 / 1.002, 1 / 1.002, 1 / 1.002) * giXform3(cv * -1.0);
-        std::vector<giPoint3> feet;
-        const Outcome r = run({"-", "--surface", stl, "--scale", "--lock-origin", "20,15,10",
-                               "--band", "-0.5,0.5", "--json", "--probe-radius", "1"},
-                              rows(giVector3(0, 0, 0), motion, feet));
-        ASSERT_EQ(r.status, kExitOk) << r.err;
-        EXPECT_NEAR(json(r.out, "scale").at(0), 1.002, 1e-9);
-        EXPECT_LT((transform(r.out) * c - c).length(), 1e-9);
-    }
     std::vector<giPoint3> feet;
+    std::vector<std::string> args = common;
+    args.insert(args.end(), {"--lock-origin", "20,15,10", "--band", "-0.5,0.5"});
+    const Outcome r = run(args, rows(scaled_motion(1.002, 0.4, giVector3(0, 0, 0)), feet));
+    ASSERT_EQ(r.status, kExitOk) << r.err;
+    EXPECT_NEAR(json(r.out, "scale").at(0), 1.002, 1e-9);
+    EXPECT_LT((transform(r.out) * giPoint3(20, 15, 10) - giPoint3(20, 15, 10)).length(), 1e-9);
     const Outcome h = run({"-", "--surface", stl, "--scale", "--probe-radius=1"},
-                          rows(giVector3(0, 0, 0), giXform3(giIdentity), feet));
+                          rows(giXform3(giIdentity), feet));
     EXPECT_NE(h.out.find("scale           1\n"), std::string::npos) << h.out;
     EXPECT_NE(h.out.find("scale centre    0 0 0\n"), std::string::npos) << h.out;
 }
 
 TEST(BestfitCommand, RefusesBadSurfacesRowsAndArguments) {
-    const std::string box = temp_file("box.stl", box_stl(giVector3(0, 0, 0)));
+    const std::string box = box_file();
     const std::string empty = temp_file("empty.stl", "");
     const std::string cut = temp_file("cut.stl", "solid x\nfacet normal 0 0 1\nouter loop\n");
     const std::string two = temp_file("two.txt", "0 0 0 0 0 0\n1 0 0 1 0 0\n");
     const std::string bad = temp_file("bad.txt", "0 0 0 0 0 0\n1 0 0 1 0\n");
-    const struct {
-        std::vector<std::string> args;
-        const char* input;
-        int status;
-        const char* message;
-    } cases[] = {
+    const auto on = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), {"-", "--surface", box});
+        return more;
+    };
+    const std::tuple<std::vector<std::string>, const char*, int, const char*> cases[] = {
         {{"-", "--surface", empty}, "1 1 0\n", kExitRefused, "empty"},
         {{"-", "--surface", cut}, "1 1 0\n", kExitRefused, "ASCII STL"},
         {{"-", "--surface", "/nonexistent/box.stl"}, "1 1 0\n", kExitRefused, "cannot open"},
-        {{"-", "--surface", box}, "# none\n", kExitRefused, "at least one point; the file has 0"},
-        {{"-", "--surface", box}, "50 35 10\n", kExitRefused, "no point projects"},
-        {{"-", "--surface", box}, "1 1 0\n1 2 3 4\n", kExitUsage, "line 2: expected 3, 6 or 7"},
-        {{"-", "--surface", box}, "1 1 0 0 0 0\n", kExitUsage, "line 1: the approximate normal"},
-        {{"-", "--surface", box}, "1 1 0 0 0 1 -1\n", kExitUsage, "radius must be at least 0"},
-        {{"-", "--surface", box}, "1 nan 0\n", kExitUsage, "line 1: value is not finite"},
+        {on({}), "# none\n", kExitRefused, "at least one point; the file has 0"},
+        {on({}), "50 35 10\n", kExitRefused, "no point projects"},
+        {on({}), "1 1 0\n1 2 3 4\n", kExitUsage, "line 2: expected 3, 6 or 7"},
+        {on({}), "1 1 0 0 0 0\n", kExitUsage, "line 1: the approximate normal"},
+        {on({}), "1 1 0 0 0 1 -1\n", kExitUsage, "radius must be at least 0"},
+        {on({}), "1 nan 0\n", kExitUsage, "line 1: value is not finite"},
         {{"-"}, "", kExitUsage, "needs the nominal surface"},
         {{"--surface", box}, "", kExitUsage, "bestfit needs a file"},
-        {{"-", "--surface", box, "--band", "1,0"}, "", kExitUsage, "LO <= HI"},
-        {{"-", "--surface", box, "--lock-axis", "0,0,0"}, "", kExitUsage, "non-zero length"},
-        {{"-", "--surface", box, "--lock-rotations", "--lock-origin=1,2,3"},
-         "",
-         kExitUsage,
-         "exclude"},
-        {{"-", "--surface", box, "--tolerance", "-1"}, "", kExitUsage, "at least 0"},
-        {{"-", "--surface", box, "--steps", "3"}, "", kExitUsage, "unknown option '--steps'"},
-        {{"-", "--surface", box, "--scale-centre", "1,2"}, "", kExitUsage, "three finite"},
-        {{"-", "--surface", box, "--pairs", two}, "", kExitUsage, "go with --scale"},
-        {{"-", "--surface", box, "--scale", "--pairs", bad},
-         "1 1 0\n",
-         kExitUsage,
-         "line 2: expected 6 numbers"},
-        {{"-", "--surface", box, "--scale", "--pairs", two},
-         "1 1 0\n",
-         kExitRefused,
-         "at least 3 pairs"},
-        {{"-", "--surface", box, "--scale"},
-         "1 1 0\n2 1 0\n1 3 0\n",
-         kExitRefused,
-         "do not determine a scale"},
+        {on({"--band", "1,0"}), "", kExitUsage, "LO <= HI"},
+        {on({"--lock-axis", "0,0,0"}), "", kExitUsage, "non-zero length"},
+        {on({"--lock-rotations", "--lock-origin=1,2,3"}), "", kExitUsage, "exclude"},
+        {on({"--tolerance", "-1"}), "", kExitUsage, "at least 0"},
+        {on({"--steps", "3"}), "", kExitUsage, "unknown option '--steps'"},
+        {on({"--scale-centre", "1,2"}), "", kExitUsage, "three finite"},
+        {on({"--pairs", two}), "", kExitUsage, "go with --scale"},
+        {on({"--scale", "--pairs", bad}), "1 1 0\n", kExitUsage, "line 2: expected 6 numbers"},
+        {on({"--scale", "--pairs", two}), "1 1 0\n", kExitRefused, "at least 3 pairs"},
+        {on({"--scale"}), "1 1 0\n2 1 0\n1 3 0\n", kExitRefused, "do not determine a scale"},
     };
-    for (const auto& c : cases) {
-        const Outcome r = run(c.args, c.input);
-        EXPECT_EQ(r.status, c.status) << c.message;
+    for (const auto& [args, input, status, message] : cases) {
+        const Outcome r = run(args, input);
+        EXPECT_EQ(r.status, status) << message;
         EXPECT_TRUE(r.out.empty()) << r.out;
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
     }
     EXPECT_TRUE(is_bestfit_command({"--json", "bestfit", "x"}));
     EXPECT_FALSE(is_bestfit_command({"align", "bestfit"}));

@@ -8,16 +8,19 @@
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "tests/support/sampling.h"
+#include "tests/support/tool_files.h"
 
 namespace {
 
 using namespace metrofit_tool;
 using namespace testsupport;
 constexpr auto npos = std::string::npos;
+const std::string kExamples = std::string(METROFIT_TEST_DATA_DIR) + "/../../examples/";
 
 struct ToolRun {
     int status;
@@ -92,6 +95,11 @@ double number(const std::string& json, const std::string& key) {
     if (ok) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "\"" << key << "\" is off in " << json;
 }
+giVector3 centroid(const giPoint3coDynArr& pts) {
+    giVector3 c(0, 0, 0);
+    for (const giPoint3& p : pts) c += (p - giPoint3(giOrigin)) / pts.size();
+    return c;
+}
 giVector3 vec(const std::string& json, const std::string& key) {
     const std::vector<double> v = json_numbers(json, key);
     return v.size() == 3 ? giVector3(v[0], v[1], v[2]) : giVector3(NAN, NAN, NAN);
@@ -163,6 +171,8 @@ TEST(ToolRefusal, StatusAndReasonWithoutAReport) {
          "1 0 0 1 0 0\n0 1 0 0 1 0\n-1 0 0 -1 0 0\n0 -1 0 0 -1 0\n1 0 1 1 0 0\n",
          "the axis fit needs at least 6 points; the file has 5"},
         {"fit line2 - --json", refused, "# empty\n", "the file has 0"},
+        {"fit torus -", refused, "0 0 1\n0 1 0\n1 0 0\n1 1 0\n2 1 0\n", "at least 7 points"},
+        {"fit ellipse2 -", refused, "0 0\n1 1\n2 2\n3 3\n4 4\n5 5\n", "do not fix an ellipse"},
         // The hull command.
         {"hull", usage, "", "hull needs a file"},
         {"hull - --inside 1", usage, "", "two finite numbers X,Y, not '1'"},
@@ -236,10 +246,8 @@ TEST(ToolFit, FormDeviationSpansTheResiduals) {
     EXPECT_NE(flat.err.find("warning"), npos) << flat.err;
 }
 
-// Probe centres 1.5 outside (or inside) a known surface of size 20 (a cone
-// of half angle 30 and apex at the origin for the cone): the tool reports
-// the touched surface, not that of the centres, with residuals near zero
-// (to rounding over a size of 40 for the cone).
+// Probe centres 1.5 outside (or inside) a known surface of size 20 (a cone of
+// half angle 30, apex at the origin): the tool reports the touched surface.
 TEST(ToolFit, ProbedFitsReportTheTouchedSurface) {
     const double R = 20.0, rho = 1.5;
     giUnitVec3coDynArr outward;
@@ -277,10 +285,8 @@ TEST(ToolFit, ProbedFitsReportTheTouchedSurface) {
     }
 }
 
-// Probe centres 0.5 above the plane z = 1 (the line y = 2), contact
-// directions along +z (+y) with some length: the tool reports the touched
-// plane (line) with its normal towards the probe, through the foot of the
-// centres' centroid (9.5, 9.5).
+// Probe centres 0.5 above the plane z = 1 (the line y = 2): the touched plane
+// (line), its normal towards the probe, through the centroid's foot.
 TEST(ToolFit, ProbedPlaneAndLineFollowTheContactDirections) {
     std::ostringstream plane, line;
     for (int i = 0; i < 20; ++i) {
@@ -303,12 +309,8 @@ TEST(ToolFit, ProbedPlaneAndLineFollowTheContactDirections) {
     EXPECT_LT(number(l.out, "form_deviation"), 1e-9);
 }
 
-// A 270-degree cylinder (radius 12.5, length 40) and a 300-degree frustum
-// (half angle 25, slant 10 to 40), noise 0.001, turned and moved 1e3: the
-// tool reports the axis in the sense of --axis (without it, the cone's from
-// the apex into the cone), the cylinder's point of the axis level with the
-// points' centroid, the apex and the sizes; an --axis across the true one
-// draws a warning.
+// A noisy cylinder and frustum moved 1e3: the axis in the sense of --axis (the
+// cone's from the apex without it), sizes and point; a crossed --axis warns.
 TEST(ToolFit, CylinderAndConeFollowTheAxisOption) {
     for (const bool cone : {false, true}) {
         SCOPED_TRACE(cone ? "cone" : "cylinder");
@@ -318,8 +320,6 @@ TEST(ToolFit, CylinderAndConeFollowTheAxisOption) {
                                 : cylinder_points(60, 12.5, 40, 270, 0.001, 13));
         const giVector3 apex = t * giPoint3(giOrigin) - giPoint3(giOrigin);  // on the axis
         const giUnitVec3 axis = t * giUnitVec3(0, 0, cone ? -1 : 1);
-        giVector3 centroid(0, 0, 0);
-        for (const giPoint3& q : pts) centroid += (q - giPoint3(giOrigin)) / pts.size();
         const std::pair<std::vector<std::string>, double> senses[] = {
             {{"--axis", arg(axis)}, 1.0}, {{"--axis", arg(-1.0 * axis)}, -1.0}, {{}, 1.0}};
         for (const auto& [extra, sense] : senses) {
@@ -329,10 +329,8 @@ TEST(ToolFit, CylinderAndConeFollowTheAxisOption) {
             const ToolRun r = run_tool(args, rows(pts));
             ASSERT_EQ(r.status, kExitOk) << r.err;
             EXPECT_TRUE(r.err.empty()) << r.err;
-            // Axis within 1e-4 rad and the cone's half angle within 5e-5 rad
-            // (a few sigma / sqrt(n) over a length of 30 or more); the apex,
-            // 10 beyond the points, within a few times that lever; the point
-            // within a few sigma / sqrt(n).
+            // A few sigma / sqrt(n) over lengths of 30 or more; the apex, 10
+            // beyond the points, within a few times that lever.
             EXPECT_GT(dot(vec(r.out, "axis"), sense * axis), std::cos(1e-4));
             expect_noise_figures(r.out);
             if (cone) {
@@ -341,7 +339,7 @@ TEST(ToolFit, CylinderAndConeFollowTheAxisOption) {
             } else {
                 const giVector3 at = vec(r.out, "point") - apex;
                 EXPECT_LT(cross(axis, at).length(), 2e-3);
-                EXPECT_NEAR(dot(axis, vec(r.out, "point") - centroid), 0.0, 2e-3);
+                EXPECT_NEAR(dot(axis, vec(r.out, "point") - centroid(pts)), 0.0, 2e-3);
                 EXPECT_NEAR(number(r.out, "radius"), 12.5, 1e-3);
             }
         }
@@ -354,66 +352,50 @@ TEST(ToolFit, CylinderAndConeFollowTheAxisOption) {
     }
 }
 
-// Normals are matched to the points by order: outward (a shaft, a pin) or
-// inward (a bore, a countersink) without remark, normals the fit cannot
-// follow with a warning, a count or a zero normal that cannot belong to the
-// points with status 2.
+// Normals match the points by order: outward or inward silently, unfollowable
+// ones with a warning, a wrong count or a zero normal with status 2.
 TEST(ToolFit, AxialNormalsMustBelongToThePoints) {
-    const struct {
-        double sense;  // normals outward (1), inward (-1) or along the axis (0)
-        int count;
-        bool zero_first;
-        int status;
-        std::string says;
-    } cases[] = {{1, 40, false, kExitOk, ""},
-                 {-1, 40, false, kExitOk, ""},
-                 {0, 40, false, kExitOk, "not all within 10 degrees"},
-                 {1, 39, false, kExitUsage, "has 39 normals for 40 points"},
-                 {1, 40, true, kExitUsage, "line 1 of the normals file 'n'"}};
+    // Normals outward (1), inward (-1) or along the axis (0), how many, the
+    // first of no length, and what the tool says.
+    const std::tuple<double, int, bool, int, std::string> cases[] = {
+        {1, 40, false, kExitOk, ""},
+        {-1, 40, false, kExitOk, ""},
+        {0, 40, false, kExitOk, "not all within 10 degrees"},
+        {1, 39, false, kExitUsage, "has 39 normals for 40 points"},
+        {1, 40, true, kExitUsage, "line 1 of the normals file"}};
     for (const std::string feature : {"cylinder", "cone"}) {
         // A cone of half angle 30: its normals lie 60 degrees off the axis.
         const bool cone = feature == "cone";
         giUnitVec3coDynArr outward;
         const giPoint3coDynArr pts = cone ? cone_points(40, 30, 10, 30, 300, 0, 22, &outward)
                                           : cylinder_points(40, 5, 20, 300, 0, 21, &outward);
-        PointTable table, normals;
-        std::string error;
-        std::istringstream point_rows(rows(pts));
-        ASSERT_TRUE(read_point_table(point_rows, 3, "x y z", table, error));
-        Options o;
-        ASSERT_EQ(parse_options({"fit", feature, "p", "--normals", "n"}, o, error), kExitOk);
-        for (const auto& c : cases) {
-            SCOPED_TRACE(feature + " " + c.says);
+        for (const auto& [sense, count, zero_first, status, says] : cases) {
+            SCOPED_TRACE(feature + " " + says);
             giPoint3coDynArr tips;
-            for (int i = 0; i < c.count; ++i) {
-                const giVector3 n = c.sense == 0 ? giVector3(0, 0, 1) : c.sense * outward[i];
-                tips.append(giPoint3(giOrigin) + (c.zero_first && i == 0 ? 0.0 : 1.0) * n);
+            for (int i = 0; i < count; ++i) {
+                const giVector3 n = sense == 0 ? giVector3(0, 0, 1) : sense * outward[i];
+                tips.append(giPoint3(giOrigin) + (zero_first && i == 0 ? 0.0 : 1.0) * n);
             }
-            std::istringstream normal_rows(rows(tips));
-            ASSERT_TRUE(read_point_table(normal_rows, 3, "nx ny nz", normals, error));
-            FitReport report;
-            std::string said;
-            ASSERT_EQ(fit_table(o, table, normals, report, said), c.status) << said;
-            for (const std::string& w : report.warnings) said += w;
-            EXPECT_EQ(said.empty(), c.says.empty()) << said;
-            EXPECT_NE(said.find(c.says), npos) << said;
-            if (c.status == kExitOk) {
-                EXPECT_NEAR(report.parameters.at(2).second.at(0), cone ? 30.0 : 5.0, 1e-9);
+            const std::string normals = temp_file("fit", "n.txt", rows(tips));
+            const ToolRun r =
+                run_tool({"fit", feature, "-", "--json", "--normals", normals}, rows(pts));
+            ASSERT_EQ(r.status, status) << r.err;
+            EXPECT_EQ(r.err.empty(), says.empty()) << r.err;
+            EXPECT_NE(r.err.find(says), npos) << r.err;
+            if (status == kExitOk) {
+                EXPECT_NEAR(number(r.out, cone ? "half_angle" : "radius"), cone ? 30 : 5, 1e-9);
             }
         }
     }
     // Through the command line, normals on standard input.
-    const std::string sample = std::string(METROFIT_TEST_DATA_DIR) + "/../../examples/cylinder.txt";
-    const ToolRun r = run_tool({"fit", "cylinder", sample, "--normals", "-"}, "1 0 0\n0 1 0\n");
+    const ToolRun r = run_tool({"fit", "cylinder", kExamples + "cylinder.txt", "--normals", "-"},
+                               "1 0 0\n0 1 0\n");
     EXPECT_EQ(r.status, kExitUsage);
     EXPECT_NE(r.err.find("has 2 normals for 40 points"), npos) << r.err;
 }
 
-// A 300-degree frustum with exact normals of assorted lengths and senses,
-// its axis (+z) turned to directions whose largest component has either
-// sign, and moved 1e3 or more: every normal line meets the true axis, which
-// the tool reports with its largest component positive, through the foot of
-// the points' centroid, with no form nor quality.
+// Exact frustum normals of assorted lengths and senses, turned and moved 1e3:
+// the axis (largest component positive) through the centroid's foot.
 TEST(ToolFit, AxisOfRevolutionRecoversAKnownAxis) {
     giUnitVec3coDynArr local;
     const giPoint3coDynArr cone = cone_points(40, 30, 10, 40, 300, 0, 51, &local);
@@ -439,9 +421,7 @@ TEST(ToolFit, AxisOfRevolutionRecoversAKnownAxis) {
                   std::max({std::fabs(axis.x()), std::fabs(axis.y()), std::fabs(axis.z())}));
         const giVector3 at = vec(r.out, "point");
         EXPECT_LT(cross(at - (t * giPoint3(giOrigin) - giPoint3(giOrigin)), truth).length(), 1e-7);
-        giVector3 centroid(0, 0, 0);
-        for (const giPoint3& p : pts) centroid += (p - giPoint3(giOrigin)) / pts.size();
-        EXPECT_NEAR(dot(at - centroid, truth), 0.0, 1e-7);
+        EXPECT_NEAR(dot(at - centroid(pts), truth), 0.0, 1e-7);
         EXPECT_LT(number(r.out, "rms"), 1e-9);
         EXPECT_EQ(r.out.find("form_deviation"), npos);
         EXPECT_EQ(r.out.find("distribution_quality"), npos);
@@ -457,7 +437,6 @@ TEST(ToolFit, AxisOfRevolutionRecoversAKnownAxis) {
 // Every sample file in examples/ fits close to the feature its comment
 // names (the files carry noise of a few micrometres).
 TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
-    const std::string dir = std::string(METROFIT_TEST_DATA_DIR) + "/../../examples/";
     const struct {
         const char* feature;
         const char* key;
@@ -483,7 +462,7 @@ TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
     };
     for (const auto& e : cases) {
         SCOPED_TRACE(std::string(e.feature) + " " + e.key);
-        const ToolRun r = run_tool({"fit", e.feature, dir + e.feature + ".txt", "--json"});
+        const ToolRun r = run_tool({"fit", e.feature, kExamples + e.feature + ".txt", "--json"});
         ASSERT_EQ(r.status, kExitOk) << r.err;
         std::vector<double> opposite = e.value;
         for (double& v : opposite) v = -v;
@@ -495,10 +474,8 @@ TEST(ToolFit, SampleFilesFitTheirStatedFeatures) {
 
 // ---- hull --------------------------------------------------------------------
 
-// The square [0, 4]^2 shuffled with an inner point and its edges' midpoints.
-// The pivot is (4, 0), the lowest and rightmost; the midpoints of the right,
-// top and left sides stay as vertices, the one on the edge that closes the
-// hull back to the pivot does not.
+// The square [0, 4]^2 shuffled with an inner point and its edges' midpoints;
+// from the pivot (4, 0) the midpoint of the closing edge is no vertex.
 const char* kSquare = "2 2\n0 4\n2 0  # closing edge\n4 2\n0 0\n1 3\n4 4\n2 4\n4 0\n0 2\n";
 
 TEST(ToolHull, SquareGivesItsVerticesCounterClockwiseFromThePivot) {
@@ -541,16 +518,8 @@ TEST(ToolHull, InsideSaysWhereThePointLies) {
     }
 }
 
-}  // namespace
-
-namespace {
-
-// Exact points on a torus (centre (5, -3, 8), axis z turned by 20 degrees
-// about x, ring radius 30, tube radius 6, a half ring), on an ellipse in the
-// plane (centre (12, -4), semi-axes 25 and 15, major axis at 30 degrees,
-// 270 degrees of it) and on an ellipse in space (that ellipse carried into
-// the tilted plane): the tool reports the generating feature, touched
-// from outside by balls of radius 1 for the probed torus.
+// Exact points on a tilted half torus (also probed from outside), a 270-degree
+// plane ellipse and that ellipse in the tilted plane: the generating features.
 TEST(ToolFit, TorusAndEllipsesReportTheGeneratingFeature) {
     const double tilt = 20.0 * kPi / 180.0, turn = 30.0 * kPi / 180.0;
     const giVector3 axis(0, -std::sin(tilt), std::cos(tilt)), x(1, 0, 0);
@@ -572,50 +541,34 @@ TEST(ToolFit, TorusAndEllipsesReportTheGeneratingFeature) {
     }
     const giPoint3 centre3 = giPoint3(100, 50, -20) + 12.0 * x - 4.0 * y;
     const giVector3 major3 = std::cos(turn) * x + std::sin(turn) * y;
-    const struct {
-        std::vector<std::string> args;
-        std::string input;
-        std::vector<std::pair<std::string, std::vector<double>>> expected;
-    } cases[] = {
-        {{"fit", "torus", "-", "--json"},
-         rows(torus),
-         {{"centre", {5, -3, 8}},
-          {"axis", {0, -std::sin(tilt), std::cos(tilt)}},
-          {"major_radius", {30}},
-          {"minor_radius", {6}}}},
-        {{"fit", "torus", "-", "--json", "--probe-radius", "1"},
-         rows(centres),
-         {{"centre", {5, -3, 8}}, {"major_radius", {30}}, {"minor_radius", {6}}}},
-        {{"fit", "ellipse2", "-", "--json"},
-         rows(ellipse2),
-         {{"centre", {12, -4}}, {"semi_major", {25}}, {"semi_minor", {15}}, {"angle", {30}}}},
-        {{"fit", "ellipse3", "-", "--json"},
-         rows(ellipse3),
-         {{"centre", {centre3.x(), centre3.y(), centre3.z()}},
-          {"normal", {0, -std::sin(tilt), std::cos(tilt)}},
-          {"semi_major", {25}},
-          {"semi_minor", {15}}}},
-    };
-    for (const auto& c : cases) {
-        const ToolRun r = run_tool(c.args, c.input);
-        ASSERT_EQ(r.status, kExitOk) << c.args[1] << r.err;
-        for (const auto& [key, values] : c.expected)
-            EXPECT_TRUE(near(r.out, key, values, 1e-8)) << c.args[1] << " " << key << r.out;
-        EXPECT_LT(number(r.out, "rms"), 1e-9) << c.args[1];
-        EXPECT_GT(number(r.out, "distribution_quality"), 0.01) << c.args[1];
+    const std::pair<std::vector<std::string>, std::string> runs[] = {
+        {{"torus"}, rows(torus)},
+        {{"torus", "--probe-radius", "1"}, rows(centres)},
+        {{"ellipse2"}, rows(ellipse2)},
+        {{"ellipse3"}, rows(ellipse3)}};
+    std::string out[4];
+    for (int k = 0; k < 4; ++k) {
+        std::vector<std::string> args = {"fit", runs[k].first[0], "-", "--json"};
+        args.insert(args.end(), runs[k].first.begin() + 1, runs[k].first.end());
+        const ToolRun r = run_tool(args, runs[k].second);
+        ASSERT_EQ(r.status, kExitOk) << k << r.err;
+        EXPECT_LT(number(r.out, "rms"), 1e-9) << k;
+        EXPECT_GT(number(r.out, "distribution_quality"), 0.01) << k;
+        out[k] = r.out;
     }
+    const double st = std::sin(tilt), ct = std::cos(tilt);
+    const std::vector<double> c3 = {centre3.x(), centre3.y(), centre3.z()};
+    const std::tuple<int, const char*, std::vector<double>> expected[] = {
+        {0, "centre", {5, -3, 8}},   {0, "axis", {0, -st, ct}}, {0, "major_radius", {30}},
+        {0, "minor_radius", {6}},    {1, "centre", {5, -3, 8}}, {1, "major_radius", {30}},
+        {1, "minor_radius", {6}},    {2, "centre", {12, -4}},   {2, "semi_major", {25}},
+        {2, "semi_minor", {15}},     {2, "angle", {30}},        {3, "centre", c3},
+        {3, "normal", {0, -st, ct}}, {3, "semi_major", {25}},   {3, "semi_minor", {15}}};
+    for (const auto& [k, key, value] : expected)
+        EXPECT_TRUE(near(out[k], key, value, 1e-8)) << k << " " << key << out[k];
     // The major axis of the space ellipse, either sense.
-    const ToolRun r = run_tool({"fit", "ellipse3", "-", "--json"}, rows(ellipse3));
-    EXPECT_TRUE(near(r.out, "major_axis", {major3.x(), major3.y(), major3.z()}, 1e-8) ||
-                near(r.out, "major_axis", {-major3.x(), -major3.y(), -major3.z()}, 1e-8));
-    // Too few points, and points on a line, are refused with the reason.
-    giPoint3coDynArr five;
-    for (int k = 0; k < 5; ++k) five.append(torus[k]);
-    const ToolRun few = run_tool({"fit", "torus", "-"}, rows(five));
-    EXPECT_EQ(few.status, kExitRefused);
-    EXPECT_NE(few.err.find("at least 7 points"), npos) << few.err;
-    EXPECT_EQ(run_tool({"fit", "ellipse2", "-"}, "0 0\n1 1\n2 2\n3 3\n4 4\n5 5\n").status,
-              kExitRefused);
+    EXPECT_TRUE(near(out[3], "major_axis", {major3.x(), major3.y(), major3.z()}, 1e-8) ||
+                near(out[3], "major_axis", {-major3.x(), -major3.y(), -major3.z()}, 1e-8));
 }
 
 }  // namespace

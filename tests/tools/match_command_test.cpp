@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/sampling.h"
@@ -41,20 +41,22 @@ std::vector<double> numbers(const std::string& json, const std::string& key) {
     return v;
 }
 
-// Pairs m, T m for a few points spread in space (or in the plane), 17 digits.
-std::string pairs(const giXform3& T, bool plane, int count = 6) {
+// Pairs m, T m of six points spread in space (comma separated) or in the
+// plane (space separated), 17 digits.
+std::string pairs(const giXform3& T, bool plane) {
     testsupport::Rng rng(5);
     std::ostringstream s;
     s.precision(17);
-    for (int i = 0; i < count; ++i) {
+    const char* sep = plane ? " " : ", ";
+    for (int i = 0; i < 6; ++i) {
         const giPoint3 m(rng.uniform(-50, 50), rng.uniform(-50, 50),
                          plane ? 0 : rng.uniform(-50, 50));
-        const giPoint3 q = T * m;
-        if (plane)
-            s << m.x() << " " << m.y() << " " << q.x() << " " << q.y() << "\n";
-        else
-            s << m.x() << ", " << m.y() << ", " << m.z() << ", " << q.x() << ", " << q.y() << ", "
-              << q.z() << "\n";
+        const giPoint3 ends[2] = {m, T * m};
+        for (int e = 0; e < 2; ++e) {
+            s << (e ? sep : "") << ends[e].x() << sep << ends[e].y();
+            if (!plane) s << sep << ends[e].z();
+        }
+        s << "\n";
     }
     return s.str();
 }
@@ -62,27 +64,22 @@ std::string pairs(const giXform3& T, bool plane, int count = 6) {
 // The transform the report prints is the one that generated the pairs, in
 // space, in the plane and for an affine family; the residuals vanish.
 TEST(ToolMatch, RecoversTheGeneratingTransform) {
-    const giXform3 motion = testsupport::random_motion(30, 1e3, 4);
     const giXform3 turn(giPoint3(0, 0, 0), giVector3(0, 0, 1), giAngle(giANGLE_RADIANS, 0.3));
     double scale_rows[12] = {1.002, 0, 0, 5, 0, 0.998, 0, -7, 0, 0, 1.0005, 2};
-    const giXform3 scaled(utConvert, scale_rows);
-    const struct {
-        std::vector<std::string> args;
-        giXform3 T;
-        bool plane;
-    } cases[] = {{{"--json"}, motion, false},
-                 {{"--json", "--rigid"}, giXform3(giVector3(3, -4, 0)) * turn, true},
-                 {{"--json", "--affine", "scale-translate"}, scaled, false}};
-    for (const auto& c : cases) {
-        const MatchRun run = match(c.args, pairs(c.T, c.plane));
+    const std::tuple<std::vector<std::string>, giXform3, bool> cases[] = {
+        {{"--json"}, testsupport::random_motion(30, 1e3, 4), false},
+        {{"--json", "--rigid"}, giXform3(giVector3(3, -4, 0)) * turn, true},
+        {{"--json", "--affine", "scale-translate"}, giXform3(utConvert, scale_rows), false}};
+    for (const auto& [args, T, plane] : cases) {
+        const MatchRun run = match(args, pairs(T, plane));
         ASSERT_EQ(run.status, kExitOk) << run.err;
-        const int d = c.plane ? 2 : 3;
+        const int d = plane ? 2 : 3;
         const std::vector<double> m = numbers(run.out, "transform");
         ASSERT_EQ(m.size(), static_cast<std::size_t>((d + 1) * (d + 1)));
         for (int r = 0; r < d; ++r)
             for (int k = 0; k <= d; ++k) {
                 const int col = k == d ? 3 : k;  // the shift is column 3 of T
-                EXPECT_NEAR(m[r * (d + 1) + k], c.T(r, col), col == 3 ? 1e-9 * 1e3 : 1e-12);
+                EXPECT_NEAR(m[r * (d + 1) + k], T(r, col), col == 3 ? 1e-9 * 1e3 : 1e-12);
             }
         EXPECT_LT(numbers(run.out, "rms").at(0), 1e-9);
         EXPECT_EQ(numbers(run.out, "residuals").size(), 6u);
@@ -93,12 +90,7 @@ TEST(ToolMatch, RecoversTheGeneratingTransform) {
 // arguments are usage errors (2) that say what is wrong.
 TEST(ToolMatch, RefusesWhatItCannotMatch) {
     const std::string line_of_points = "0 0 0 1 1 1\n1 0 0 2 1 1\n2 0 0 3 1 1\n";
-    const struct {
-        std::vector<std::string> args;
-        std::string input;
-        int status;
-        std::string message;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, std::string, int, std::string> cases[] = {
         {{}, "# nothing\n", kExitRefused, "none"},
         {{}, line_of_points, kExitRefused, "one line"},
         {{"--affine", "full"}, line_of_points, kExitRefused, "do not determine the full"},
@@ -111,10 +103,10 @@ TEST(ToolMatch, RefusesWhatItCannotMatch) {
         {{"--affine", "full", "--rigid"}, "", kExitUsage, "exclude"},
         {{"--scale"}, "", kExitUsage, "unknown option"},
     };
-    for (const auto& c : cases) {
-        const MatchRun run = match(c.args, c.input);
-        EXPECT_EQ(run.status, c.status) << c.input << run.err;
-        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    for (const auto& [args, input, status, message] : cases) {
+        const MatchRun run = match(args, input);
+        EXPECT_EQ(run.status, status) << input << run.err;
+        EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
     }
     EXPECT_TRUE(is_match_command({"--json", "match", "f"}));
     EXPECT_FALSE(is_match_command({"fit", "match"}));

@@ -4,11 +4,9 @@
 #include "tools/metrofit/rps_command.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -16,6 +14,7 @@
 #include <tuple>
 
 #include "metrofit/platform/geometry/xform.h"
+#include "tests/support/tool_files.h"
 #include "tools/metrofit/fit_command.h"
 
 namespace {
@@ -37,13 +36,6 @@ Outcome run(std::vector<std::string> args, const std::string& input = "") {
     return {status, out.str(), err.str()};
 }
 
-std::string sample() {
-    std::ifstream in(kExamples + "rps.txt");
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 // The text with every line that starts with `key` edited: `from` replaced
 // by `to`, or the line dropped when `from` is empty.
 std::string edited(const std::string& text, const std::string& key, const std::string& from,
@@ -63,7 +55,9 @@ std::string edited(const std::string& text, const std::string& key, const std::s
 
 // The sample as read from standard input: its surface named absolutely.
 std::string sample_for_stdin() {
-    return edited(sample(), "surface", "bestfit_part.stl", kExamples + "bestfit_part.stl");
+    std::stringstream s;
+    s << std::ifstream(kExamples + "rps.txt").rdbuf();
+    return edited(s.str(), "surface", "bestfit_part.stl", kExamples + "bestfit_part.stl");
 }
 
 // Every number (null as NaN) of "key" up to the bracket that closes its value.
@@ -119,6 +113,7 @@ TEST(RpsCommand, RecoversTheSampleMotion) {
         EXPECT_EQ(numbers(r.out, "status"), std::vector<double>{0}) << c.name;
         const std::vector<double> m = numbers(r.out, "transform");
         ASSERT_EQ(m.size(), 16u) << c.name;
+        EXPECT_EQ(std::vector<double>(m.begin() + 12, m.end()), (std::vector<double>{0, 0, 0, 1}));
         const giXform3 T(utConvert, m.data());
         // 2 um of noise on 6 positioning points some 30 apart: a few um at
         // the corners; 10 um leaves a margin.
@@ -173,9 +168,6 @@ TEST(RpsCommand, ReportShapeAndIterationLimit) {
     ASSERT_EQ(j.status, kExitOk) << j.err;
     EXPECT_TRUE(j.err.empty()) << j.err;
     EXPECT_NE(j.out.find("\"meaning\": \"fitted\", \"iterations\": "), std::string::npos);
-    const std::vector<double> m = numbers(j.out, "transform");
-    ASSERT_EQ(m.size(), 16u);
-    EXPECT_EQ(std::vector<double>(m.begin() + 12, m.end()), (std::vector<double>{0, 0, 0, 1}));
     EXPECT_EQ(numbers(j.out, "points"), std::vector<double>{27});  // 24 + 1 + a balanced pair
     // Each position line, by its number, with null where its state is '-'.
     std::istringstream lines(text);
@@ -207,9 +199,8 @@ TEST(RpsCommand, ReportShapeAndIterationLimit) {
 
 TEST(RpsCommand, RefusesBadDescriptionsWithTheirLines) {
     const std::string stl = "surface " + kExamples + "bestfit_part.stl\n";
-    const std::string description =
-        ::testing::TempDir() + "metrofit_rps_" + std::to_string(::getpid()) + ".txt";
-    std::ofstream(description) << "# relative to this file's folder\nsurface missing_part.stl\n";
+    const std::string description = testsupport::temp_file(
+        "rps", "d.txt", "# relative to this file's folder\nsurface missing_part.stl\n");
     const struct {
         std::string input;
         int status;
@@ -246,7 +237,6 @@ TEST(RpsCommand, RefusesBadDescriptionsWithTheirLines) {
         EXPECT_TRUE(r.out.empty()) << r.out;
         EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     }
-    std::remove(description.c_str());
     EXPECT_TRUE(is_rps_command({"--json", "rps", "x"}));
     EXPECT_FALSE(is_rps_command({"bestfit", "rps"}));
 }

@@ -17,40 +17,35 @@ std::vector<double> scan(tsScanRange& r) {
     return values;
 }
 
+// The ends and the midpoint first (again after a reset without reduction),
+// then only the new interior points of each halved step.
 TEST(ScanRange, RefinesBetweenEarlierValuesWithoutRepeats) {
     tsScanRange r(-1.0, 1.0, 0.3);
-    EXPECT_EQ(scan(r), (std::vector<double>{-1.0, 1.0, 0.0}));
-    ASSERT_EQ(r.reduce_step(), 1);
+    const std::vector<double> first = scan(r);
+    EXPECT_EQ(first, (std::vector<double>{-1.0, 1.0, 0.0}));
     r.reset_step();
-    EXPECT_EQ(scan(r), (std::vector<double>{-0.5, 0.5}));
-    ASSERT_EQ(r.reduce_step(), 1);
-    r.reset_step();
-    EXPECT_EQ(scan(r), (std::vector<double>{-0.75, -0.25, 0.25, 0.75}));
-    // 0.5 * 0.5 = 0.25 is not above the minimum step 0.3.
+    EXPECT_EQ(scan(r), first);
+    const std::vector<double> refinements[] = {{-0.5, 0.5}, {-0.75, -0.25, 0.25, 0.75}};
+    for (const std::vector<double>& values : refinements) {
+        ASSERT_EQ(r.reduce_step(), 1);
+        r.reset_step();
+        EXPECT_EQ(scan(r), values);
+    }
+    // 0.5 * 0.5 = 0.25 is not above the minimum step 0.3; an ended scan stays ended.
     EXPECT_EQ(r.reduce_step(), 0);
     EXPECT_EQ(r.step(), 0.5);
-    // A scan that has ended stays ended.
     double v = 42.0;
     EXPECT_EQ(r.next(v), 0);
     EXPECT_EQ(v, 42.0);
 }
 
-TEST(ScanRange, ResetWithoutReductionHandsOutTheEndsAgain) {
-    tsScanRange r(2.0, 6.0, 0.1);
-    const std::vector<double> first = scan(r);
-    r.reset_step();
-    EXPECT_EQ(scan(r), first);
-    EXPECT_EQ(first, (std::vector<double>{2.0, 6.0, 4.0}));
-}
-
+// After k reductions (step (high - low) / 2^k) the values handed out so far
+// are exactly the grid low + j (high - low) / 2^(k+1), each once.
 TEST(ScanRange, AllRefinementsTogetherFormAnEvenGrid) {
-    // After k reductions (step (high - low) / 2^k) the values handed out so
-    // far are exactly the grid low + j (high - low) / 2^(k+1), each once.
     tsScanRange r(10.0, 11.0, 1.0 / 64);
     std::vector<double> all = scan(r);
     int k = 0;
-    while (r.reduce_step() && k < 20) {
-        ++k;
+    for (; k < 20 && r.reduce_step(); ++k) {
         r.reset_step();
         const std::vector<double> more = scan(r);
         all.insert(all.end(), more.begin(), more.end());
@@ -61,31 +56,28 @@ TEST(ScanRange, AllRefinementsTogetherFormAnEvenGrid) {
     for (int j = 0; j <= 64; ++j) EXPECT_EQ(all[j], 10.0 + j / 64.0);
 }
 
-// Degenerate ranges hand out their ends only, and step reduction stops,
-// so no loop over a scan can run away.
+// Degenerate ranges hand out their ends only, and step reduction stops, so
+// no loop over a scan can run away; so does a minimum step of zero or less.
 TEST(ScanRange, DegenerateRangesEndPromptly) {
-    struct Case {
+    const struct {
         double low, high, min_step;
         std::size_t values;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {3.0, 3.0, 0.1, 2},          // empty range
         {1.0, -1.0, 0.1, 2},         // reversed: the interior would walk away
         {1e20, 1e20 + 1e5, 0.0, 3},  // step far below the rounding of the ends
         {NAN, 1.0, 0.1, 2},         {-INFINITY, INFINITY, 0.1, 2},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         tsScanRange r(c.low, c.high, c.min_step);
         EXPECT_EQ(scan(r).size(), c.values) << c.low << " " << c.high;
         int reductions = 0;
-        while (reductions < 5000 && r.reduce_step()) {
-            ++reductions;
+        for (; reductions < 5000 && r.reduce_step(); ++reductions) {
             r.reset_step();
             ASSERT_LT(scan(r).size(), 100000u);
         }
         EXPECT_LT(reductions, 5000);
     }
-    // A minimum step of zero or less still stops before the step vanishes.
     tsScanRange r(0.0, 1.0, -1.0);
     int reductions = 0;
     while (reductions < 5000 && r.reduce_step()) ++reductions;

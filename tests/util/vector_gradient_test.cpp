@@ -31,40 +31,33 @@ struct GridCase {
 
 class VectorGradientGrid : public ::testing::TestWithParam<GridCase> {};
 
-// Every direction is a unit vector at its ring's polar angle from the centre,
-// the first is the centre itself, the walk visits total_steps() directions
-// numbered 0, 1, ..., and the outermost ring lies at half the opening angle.
-TEST_P(VectorGradientGrid, DirectionsLieOnTheirRings) {
+// (u, v, w) is right-handed around the centre, the outer ring lies at half
+// the opening angle, neighbours on a ring about one spot diameter apart (the
+// azimuth one spot subtends fits count times into a half turn, just). The
+// walk starts at the centre and visits total_steps() unit directions,
+// numbered 0, 1, ..., each at its ring's polar angle; every direction of the
+// cone has one within a ring step (the worst gap is about 0.71 steps).
+TEST_P(VectorGradientGrid, DirectionsOnTheirRingsCoverTheCone) {
     const GridCase& c = GetParam();
     const tsVectorGradient g(c.centre, c.angle, c.rings);
     const giUnitVec3 w(c.centre);
+    EXPECT_NEAR(dot(cross(g.u(), g.v()), w), 1.0, 1e-15);
     EXPECT_NEAR(g.step_angle(), c.angle / (2.0 * (c.rings - 1)), 1e-15);
     EXPECT_NEAR(g.ring(c.rings - 1).theta, 0.5 * c.angle, 1e-12);
-
-    tsVectorGradientIterator it = g.iterator();
-    int visited = 0;
-    while (it++) {
-        ASSERT_EQ(it.step_number(), visited);
-        const giVector3& d = it.vector();
-        EXPECT_NEAR(d.length(), 1.0, 1e-14);
-        EXPECT_NEAR(angle_between(d, w), it.ring().theta, 1e-7);
-        if (visited == 0) {
-            EXPECT_LT(angle_between(d, w), 1e-15);
-        }
-        ++visited;
-        ASSERT_LE(visited, g.total_steps());
+    EXPECT_EQ(g.ring(0).count, 1);
+    for (int i = 1; i < c.rings; ++i) {
+        const double subtended = std::atan2(g.spot_radius(), std::sin(g.ring(i).theta));
+        EXPECT_GE(g.ring(i).count * subtended, kPi) << i;
+        EXPECT_LT((g.ring(i).count - 1) * subtended, kPi) << i;
     }
-    EXPECT_EQ(visited, g.total_steps());
-}
-
-// The grid covers its cone: every direction within half the opening angle
-// of the centre has a grid direction within one ring step (rings are a step
-// apart and neighbours on a ring about a step apart, so the worst gap is
-// about 0.71 steps).
-TEST_P(VectorGradientGrid, CoversTheConeWithinOneStep) {
-    const GridCase& c = GetParam();
-    const tsVectorGradient g(c.centre, c.angle, c.rings);
-    const std::vector<giVector3> dirs = walk(g);
+    std::vector<giVector3> dirs;
+    for (tsVectorGradientIterator it = g.iterator(); it++; dirs.push_back(it.vector())) {
+        ASSERT_EQ(it.step_number(), static_cast<int>(dirs.size()));
+        ASSERT_LT(it.step_number(), g.total_steps());
+        EXPECT_NEAR(it.vector().length(), 1.0, 1e-14);
+        EXPECT_NEAR(angle_between(it.vector(), w), it.ring().theta, dirs.empty() ? 1e-15 : 1e-7);
+    }
+    EXPECT_EQ(static_cast<int>(dirs.size()), g.total_steps());
     testsupport::Rng rng(77);
     for (int k = 0; k < 300; ++k) {
         const double theta = std::acos(rng.uniform(std::cos(0.5 * c.angle), 1.0));
@@ -84,73 +77,46 @@ INSTANTIATE_TEST_SUITE_P(
                       GridCase{giVector3(1, 0, 0), 1.0, 2},        // one ring around the centre
                       GridCase{giVector3(-1, 5, 1e-3), 2.0, 9}));  // wide cone
 
-TEST(VectorGradient, TwoRingsPutTheOuterRingAtHalfTheAngle) {
-    const tsVectorGradient g(giVector3(0, 0, 1), 0.8, 2);
-    EXPECT_DOUBLE_EQ(g.step_angle(), 0.4);
-    EXPECT_DOUBLE_EQ(g.ring(1).theta, 0.4);
-    EXPECT_EQ(g.ring(0).count, 1);
-    // Neighbours on the ring sit about one spot diameter apart: the azimuth
-    // one spot subtends fits count times into a half turn, just.
-    const double subtended = std::atan2(g.spot_radius(), std::sin(0.4));
-    EXPECT_GE(g.ring(1).count * subtended, kPi);
-    EXPECT_LT((g.ring(1).count - 1) * subtended, kPi);
-}
-
-TEST(VectorGradient, ReferenceAxisFollowsTheLargerOfXAndY) {
-    // Centre along x: reference (0, 1, 0), u = unit(y x x) = -z.
-    const tsVectorGradient gx(giVector3(2, 0, 0), 1.0, 3);
-    EXPECT_NEAR(gx.u().z(), -1.0, 1e-15);
-    // |x| <= |y|: reference (1, 0, 0), u = unit(x x w) = +z for w in the xy plane.
-    const tsVectorGradient gxy(giVector3(1, 1, 0), 1.0, 3);
-    EXPECT_NEAR(gxy.u().z(), 1.0, 1e-15);
-    // (u, v, w) is right-handed: u x v = w.
-    EXPECT_NEAR(dot(cross(gxy.u(), gxy.v()), gxy.w()), 1.0, 1e-15);
-}
-
-TEST(VectorGradient, ExhaustedIteratorKeepsItsLastDirection) {
-    const tsVectorGradient g(giVector3(0, 1, 1), 0.5, 3);
+// The reference axis is y when |x| > |y|, else x: u = unit(y x x) = -z for a
+// centre along x, u = unit(x x w) = +z for w in the xy plane. An iterator is
+// unset before the first step and, exhausted, stays on the last direction:
+// the outer ring's at azimuth 2 pi, sin(theta) v + cos(theta) w.
+TEST(VectorGradient, ReferenceAxisAndTheExhaustedIterator) {
+    EXPECT_NEAR(tsVectorGradient(giVector3(2, 0, 0), 1.0, 3).u().z(), -1.0, 1e-15);
+    const tsVectorGradient g(giVector3(1, 1, 0), 0.5, 3);
+    EXPECT_NEAR(g.u().z(), 1.0, 1e-15);
     tsVectorGradientIterator it = g.iterator();
-    EXPECT_FALSE(it.vector().is_set());  // nothing before the first step
+    EXPECT_FALSE(it.vector().is_set());
     while (it++) {
     }
     const giVector3 last = it.vector();
-    const int step = it.step_number();
-    EXPECT_EQ(step, g.total_steps() - 1);
-    // The last direction of a ring is at azimuth 2 pi: sin(theta) v + cos(theta) w.
     const double t = g.ring(2).theta;
-    const giVector3 expected = std::sin(t) * g.v() + std::cos(t) * g.w();
-    EXPECT_LT((last - expected).length(), 1e-15);
+    EXPECT_LT((last - (std::sin(t) * g.v() + std::cos(t) * g.w())).length(), 1e-15);
     for (int k = 0; k < 3; ++k) {
         EXPECT_EQ(it++, 0);
         EXPECT_EQ(it.vector(), last);
-        EXPECT_EQ(it.step_number(), step);
+        EXPECT_EQ(it.step_number(), g.total_steps() - 1);
     }
 }
 
-// Degenerate requests stay finite and bounded: a centre without direction
-// falls back to z, zero or one ring hold no or one direction, a zero or
-// non-finite angle collapses every ring onto the centre.
+// Degenerate requests stay bounded: a centre without direction falls back to
+// z, zero or one ring hold no or one direction, a zero or non-finite angle
+// collapses every ring onto the centre, absurd ring counts are capped.
 TEST(VectorGradient, DegenerateRequestsGiveBoundedFiniteGrids) {
-    const tsVectorGradient zero(giVector3(0, 0, 0), 1.0, 5);
-    const std::vector<giVector3> z = walk(zero);
+    const std::vector<giVector3> z = walk(tsVectorGradient(giVector3(0, 0, 0), 1.0, 5));
     ASSERT_FALSE(z.empty());
     EXPECT_EQ(z.front(), giVector3(0, 0, 1));
     for (const giVector3& d : z) EXPECT_NEAR(d.length(), 1.0, 1e-14);
-
-    EXPECT_EQ(walk(tsVectorGradient(giVector3(0, 0, 1), 1.0, 0)).size(), 0u);
-    EXPECT_EQ(walk(tsVectorGradient(giVector3(0, 0, 1), 1.0, -3)).size(), 0u);
+    for (const int rings : {0, -3})
+        EXPECT_EQ(walk(tsVectorGradient(giVector3(0, 0, 1), 1.0, rings)).size(), 0u);
     const std::vector<giVector3> one = walk(tsVectorGradient(giVector3(0, 3, 4), 1.0, 1));
     ASSERT_EQ(one.size(), 1u);
     EXPECT_NEAR(one[0].z(), 0.8, 1e-15);
-
     for (const double a : {0.0, double(NAN), double(INFINITY)}) {
-        const tsVectorGradient g(giVector3(0, 0, 1), a, 4);
-        const std::vector<giVector3> dirs = walk(g);
+        const std::vector<giVector3> dirs = walk(tsVectorGradient(giVector3(0, 0, 1), a, 4));
         EXPECT_EQ(dirs.size(), 4u);
         for (const giVector3& d : dirs) EXPECT_NEAR(d.z(), 1.0, 1e-15);
     }
-
-    // Absurd ring counts are capped, and the total stays an int.
     const tsVectorGradient huge(giVector3(0, 0, 1), 1e-300, 1 << 30);
     EXPECT_EQ(huge.rings(), tsVectorGradient::kMaxRings);
     EXPECT_GT(huge.total_steps(), 0);
