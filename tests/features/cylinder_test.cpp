@@ -121,6 +121,16 @@ TEST(CylinderModel, GradientCanonicalFormAndProjectedCircles) {
             EXPECT_NEAR(c.radius, plane.radius, 1e-7 * plane.radius);
         }
     }
+    // Refusals: an axis without direction, two points, points that all
+    // project onto one spot (on a line along the axis).
+    tsProjectedCircle c;
+    EXPECT_FALSE(circles.fit(giVector3(0, 0, 0), c));
+    giPoint3coDynArr two, along;
+    two.append(giPoint3(1, 0, 0));
+    two.append(giPoint3(0, 1, 0));
+    for (int i = 0; i < 5; ++i) along.append(giPoint3(1, 2, i));
+    EXPECT_FALSE(tsProjectedCircles(two, nullptr).fit(giVector3(0, 0, 1), c));
+    EXPECT_FALSE(tsProjectedCircles(along, nullptr).fit(giVector3(0, 0, 1), c));
 }
 
 struct TruthCase {
