@@ -145,14 +145,9 @@ int parse_align_options(const std::vector<std::string>& args, AlignOptions& o, s
         if (common_flag(a, o.help, o.version, o.json)) continue;
         if (a == "--lock-rotations") {
             o.lock_rotations = true;
-        } else if (valued_option(args, i, "--tolerance", tolerance_given, value, error)) {
+        } else if (nonnegative_option(args, i, "--tolerance", tolerance_given, o.tolerance,
+                                      error)) {
             if (!error.empty()) return kExitUsage;
-            const std::vector<double> t = option_numbers(value);
-            if (t.size() != 1 || !(t[0] >= 0.0)) {
-                error = "--tolerance needs a finite number at least 0, not '" + value + "'";
-                return kExitUsage;
-            }
-            o.tolerance = t[0];
         } else if (valued_option(args, i, "--lock-direction", direction_given, value, error)) {
             if (!error.empty()) return kExitUsage;
             const std::size_t colon = value.find(':');

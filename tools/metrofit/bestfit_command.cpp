@@ -72,18 +72,12 @@ int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& 
         } else if (valued_option(args, i, "--surface", surface_given, value, error)) {
             if (!error.empty()) return kExitUsage;
             o.surface = value;
-        } else if (valued_option(args, i, "--tolerance", tolerance_given, value, error)) {
+        } else if (nonnegative_option(args, i, "--tolerance", tolerance_given, o.tolerance,
+                                      error)) {
             if (!error.empty()) return kExitUsage;
-            if (!numbers_value(value, 1, false, &o.tolerance) || !(o.tolerance >= 0.0)) {
-                error = "--tolerance needs a finite number at least 0, not '" + value + "'";
-                return kExitUsage;
-            }
-        } else if (valued_option(args, i, "--probe-radius", radius_given, value, error)) {
+        } else if (nonnegative_option(args, i, "--probe-radius", radius_given, o.probe_radius,
+                                      error)) {
             if (!error.empty()) return kExitUsage;
-            if (!numbers_value(value, 1, false, &o.probe_radius) || !(o.probe_radius >= 0.0)) {
-                error = "--probe-radius needs a finite number at least 0, not '" + value + "'";
-                return kExitUsage;
-            }
         } else if (valued_option(args, i, "--lock-origin", o.lock_origin, value, error)) {
             if (!error.empty()) return kExitUsage;
             if (!numbers_value(value, 3, false, o.origin)) {
@@ -97,15 +91,8 @@ int parse_bestfit_options(const std::vector<std::string>& args, BestfitOptions& 
                         "'";
                 return kExitUsage;
             }
-        } else if (valued_option(args, i, "--band", o.band, value, error)) {
+        } else if (band_option(args, i, o.band, o.band_lower, o.band_upper, error)) {
             if (!error.empty()) return kExitUsage;
-            double band[2];
-            if (!numbers_value(value, 2, false, band) || band[0] > band[1]) {
-                error = "--band needs two finite numbers LO,HI with LO <= HI, not '" + value + "'";
-                return kExitUsage;
-            }
-            o.band_lower = band[0];
-            o.band_upper = band[1];
         } else if (a.size() > 1 && a[0] == '-') {
             error =
                 "unknown option '" + a +

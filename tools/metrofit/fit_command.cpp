@@ -877,6 +877,30 @@ bool valued_option(const std::vector<std::string>& args, std::size_t& i, const s
     return true;
 }
 
+bool nonnegative_option(const std::vector<std::string>& args, std::size_t& i,
+                        const std::string& name, bool& given, double& out, std::string& error) {
+    std::string value;
+    if (!valued_option(args, i, name, given, value, error)) return false;
+    if (error.empty() && (!numbers_value(value, 1, false, &out) || !(out >= 0.0)))
+        error = name + " needs a finite number at least 0, not '" + value + "'";
+    return true;
+}
+
+bool band_option(const std::vector<std::string>& args, std::size_t& i, bool& given, double& lower,
+                 double& upper, std::string& error) {
+    std::string value;
+    if (!valued_option(args, i, "--band", given, value, error)) return false;
+    if (!error.empty()) return true;
+    double band[2] = {0.0, 0.0};
+    if (!numbers_value(value, 2, false, band) || band[0] > band[1]) {
+        error = "--band needs two finite numbers LO,HI with LO <= HI, not '" + value + "'";
+        return true;
+    }
+    lower = band[0];
+    upper = band[1];
+    return true;
+}
+
 std::vector<double> option_numbers(const std::string& value) {
     std::vector<double> row;
     std::string why;

@@ -115,6 +115,15 @@ std::string json_number(double v);
 bool valued_option(const std::vector<std::string>& args, std::size_t& i, const std::string& name,
                    bool& given, std::string& value, std::string& error);
 
+// valued_option for one finite number at least 0 (--tolerance,
+// --probe-radius) into `out`; `error` also says when the value is not one.
+bool nonnegative_option(const std::vector<std::string>& args, std::size_t& i,
+                        const std::string& name, bool& given, double& out, std::string& error);
+
+// valued_option for --band LO,HI (finite, LO <= HI) into lower and upper.
+bool band_option(const std::vector<std::string>& args, std::size_t& i, bool& given, double& lower,
+                 double& upper, std::string& error);
+
 // The numbers of an option value ("1.5", "0,0,1", "0 0 1"); empty for
 // anything else.
 std::vector<double> option_numbers(const std::string& value);

@@ -56,18 +56,12 @@ int parse_maximin_options(const std::vector<std::string>& args, MaximinOptions& 
         } else if (valued_option(args, i, "--surface", surface_given, value, error)) {
             if (!error.empty()) return kExitUsage;
             o.surface = value;
-        } else if (valued_option(args, i, "--tolerance", tolerance_given, value, error)) {
+        } else if (nonnegative_option(args, i, "--tolerance", tolerance_given, o.tolerance,
+                                      error)) {
             if (!error.empty()) return kExitUsage;
-            if (!numbers_value(value, 1, false, &o.tolerance) || !(o.tolerance >= 0.0)) {
-                error = "--tolerance needs a finite number at least 0, not '" + value + "'";
-                return kExitUsage;
-            }
-        } else if (valued_option(args, i, "--probe-radius", radius_given, value, error)) {
+        } else if (nonnegative_option(args, i, "--probe-radius", radius_given, o.probe_radius,
+                                      error)) {
             if (!error.empty()) return kExitUsage;
-            if (!numbers_value(value, 1, false, &o.probe_radius) || !(o.probe_radius >= 0.0)) {
-                error = "--probe-radius needs a finite number at least 0, not '" + value + "'";
-                return kExitUsage;
-            }
         } else if (valued_option(args, i, "--lower", lower_given, value, error)) {
             if (!error.empty()) return kExitUsage;
             if (!numbers_value(value, 1, false, &o.lower)) {
