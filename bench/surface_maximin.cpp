@@ -17,6 +17,32 @@
 
 namespace {
 
+// Fits the points again and again and records the margin, the steps and the
+// levels; a margin below `least` marks the run as failed.
+void run_maximin(benchmark::State& state, const tsSurfProjectorForFitting3& projector,
+                 const std::vector<tsFitPoint3coPrf>& points, double least) {
+    double margin = 0.0;
+    int status = 0, iterations = 0, levels = 0;
+    for (auto _ : state) {
+        tsSurfaceMaximin fit;
+        fit.set_projector(&projector);
+        fit.reserve_points(static_cast<int>(points.size()));
+        for (const tsFitPoint3coPrf& p : points) fit.add_point(p);
+        giXform3 T;
+        intcoDynArr holding;
+        int unprojected = 0;
+        status = fit.fit(1e-6, T, margin, holding, unprojected);
+        iterations = fit.iterations();
+        levels = fit.levels().size();
+        benchmark::DoNotOptimize(T);
+    }
+    if (status <= 0 || !(margin >= least)) state.SkipWithError("the fit lost stock");
+    state.counters["margin"] = margin;
+    state.counters["iterations"] = iterations;
+    state.counters["levels"] = levels;
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
 void BM_tsSurfaceMaximin_fit(benchmark::State& state) {
     const bench::Ellipsoid& e = bench::ellipsoid();
     const int n = static_cast<int>(state.range(0));
@@ -32,26 +58,7 @@ void BM_tsSurfaceMaximin_fit(benchmark::State& state) {
                 new tsProbedPoint3(motion * (q + nu * (0.5 + stock)), motion * nu, 0.5)));
         });
     const tsSurfProjectorForFitting3 projector(&e.mesh);
-    double margin = 0.0;
-    int status = 0, iterations = 0, levels = 0;
-    for (auto _ : state) {
-        tsSurfaceMaximin fit;
-        fit.set_projector(&projector);
-        fit.reserve_points(n);
-        for (const tsFitPoint3coPrf& p : points) fit.add_point(p);
-        giXform3 T;
-        intcoDynArr holding;
-        int unprojected = 0;
-        status = fit.fit(1e-6, T, margin, holding, unprojected);
-        iterations = fit.iterations();
-        levels = fit.levels().size();
-        benchmark::DoNotOptimize(T);
-    }
-    if (status <= 0 || !(margin >= 1.0 - 1e-6)) state.SkipWithError("the fit lost stock");
-    state.counters["margin"] = margin;
-    state.counters["iterations"] = iterations;
-    state.counters["levels"] = levels;
-    state.SetItemsProcessed(state.iterations() * state.range(0));
+    run_maximin(state, projector, points, 1.0 - 1e-6);
 }
 
 }  // namespace
@@ -94,26 +101,7 @@ void BM_tsSurfaceMaximin_fit_block(benchmark::State& state) {
             new tsProbedPoint3(motion * giPoint3(c[0], c[1], c[2]), giUnitVec3(motion * nu), 0.5)));
     }
     const tsSurfProjectorForFitting3 projector(&box);
-    double margin = 0.0;
-    int status = 0, iterations = 0, levels = 0;
-    for (auto _ : state) {
-        tsSurfaceMaximin fit;
-        fit.set_projector(&projector);
-        fit.reserve_points(n);
-        for (const tsFitPoint3coPrf& p : points) fit.add_point(p);
-        giXform3 T;
-        intcoDynArr holding;
-        int unprojected = 0;
-        status = fit.fit(1e-6, T, margin, holding, unprojected);
-        iterations = fit.iterations();
-        levels = fit.levels().size();
-        benchmark::DoNotOptimize(T);
-    }
-    if (status <= 0 || !(margin > 0.9)) state.SkipWithError("the fit lost stock");
-    state.counters["margin"] = margin;
-    state.counters["iterations"] = iterations;
-    state.counters["levels"] = levels;
-    state.SetItemsProcessed(state.iterations() * state.range(0));
+    run_maximin(state, projector, points, 0.9);
 }
 
 }  // namespace
