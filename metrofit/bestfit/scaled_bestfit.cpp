@@ -386,22 +386,12 @@ int tsScaledSurfaceBestfit::linear_step(const giXform3& current, giXform3& step,
 }
 
 void tsScaledSurfaceBestfit::record_statistics() {
-    max_distance_ = max_signed_ = min_signed_ = 0.0;
-    n_unprojected_ = 0;
-    double squares = 0.0;
     int valid = 0;
-    for (const tsProjectedPoint3& p : projected_) {
-        if (p.invalid()) {
-            ++n_unprojected_;
-            continue;
-        }
-        ++valid;
-        const double d = p.signed_distance();
-        max_distance_ = std::max(max_distance_, static_cast<double>(p.distance()));
-        max_signed_ = std::max(max_signed_, d);
-        min_signed_ = std::min(min_signed_, d);
-        squares += d * d;
-    }
+    ts_pointcloud_parameters(projected_, max_distance_, max_signed_, min_signed_, n_unprojected_,
+                             valid);
+    double squares = 0.0;
+    for (const tsProjectedPoint3& p : projected_)
+        if (!p.invalid()) squares += p.signed_distance() * p.signed_distance();
     rms_ = valid > 0 ? std::sqrt(squares / valid) : 0.0;
 }
 
