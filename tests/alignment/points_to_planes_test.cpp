@@ -1,5 +1,5 @@
 // Points onto nominal planes: known motions by the direct fit and by linear
-// steps, locks, balances, bands, positioning and bad input.
+// steps, the least-squares pose, balances, positioning and bad input.
 #include "metrofit/alignment/points_to_planes.h"
 
 #include <gtest/gtest.h>
@@ -145,59 +145,6 @@ TEST(PointsToPlanes, NoisyDataGiveTheLeastSquaresPose) {
     EXPECT_LT(pose_error(T, motion.inverse(), s), 0.05);
 }
 
-TEST(PointsToPlanes, LocksRestrictTheMotion) {
-    const giVector3 offset(500, 200, -100), z(0, 0, 1);
-    const std::vector<Sample> s = block(5, offset, 11);
-    const giXform3 I(giIdentity);
-    // Rotations locked: a pure translation, recovered exactly by the fit and
-    // by a step; one lock vector: only its component of the shift is taken.
-    const giXform3 shift(giVector3(3, -4, 5));
-    tsPointsToPlanes p = loaded(s, shift), q = loaded(s, shift);
-    p.lock_rotations(giVector3(1, 0, 0), giVector3(0, 1, 0), z);
-    EXPECT_LT(pose_error(fitted(p), shift.inverse(), s), 1e-9);
-    giXform3 step;
-    ASSERT_EQ(p.single_linear_step(step), 1);
-    EXPECT_TRUE(equal(giXform3(step.shift()), step, 0.0));  // no rotation
-    EXPECT_LT(pose_error(step, shift.inverse(), s), 1e-9);
-    q.lock_rotations(z * 2.0, giVector3(), giVector3());
-    ASSERT_EQ(q.rotation_locks().size(), 1);
-    const giXform3 along = fitted(q);
-    EXPECT_NEAR(along(2, 3), -5.0, 1e-9);
-    EXPECT_EQ(along(0, 3), 0.0);
-    EXPECT_EQ(along(1, 3), 0.0);
-    // A locked direction lands exactly (in the flip mode a reversed one too)
-    // and the rest of the motion is found, by the fit and by the steps.
-    const giXform3 motion = motion_about(
-        giXform3(giVector3(2, 1, -3)) *
-            giXform3::rotation(giPoint3(0, 0, 0), giVector3(0.2, 0.1, 1), giAngle(1, 20)),
-        offset);
-    const giVector3 a = motion * z;
-    for (const int flip : {0, 1}) {
-        tsPointsToPlanes d = loaded(s, motion);
-        d.lock_direction(flip ? giVector3(0, 0, 0) - a : a, z, flip);
-        const giXform3 T = fitted(d);
-        EXPECT_LT((T * a - z).length(), 1e-12) << flip;
-        EXPECT_LT(pose_error(T, motion.inverse(), s), 1e-9) << flip;
-    }
-    giXform3 stepped = iterate_steps(
-        s, motion, [&](tsPointsToPlanes& e, const giXform3& m) { e.lock_direction(m * z, z, 0); });
-    EXPECT_LT((stepped * a - z).length(), 1e-12);
-    EXPECT_LT(pose_error(stepped * motion, I, s), 1e-9);
-    // A locked point (point positioning entry): each step carries it onto
-    // its nominal and turns the part about it.
-    const giXform3 turn = motion_about(random_motion(15, 10, 4), offset);
-    const giPoint3 pivot = giPoint3(50, 30, 20) + offset;
-    const auto hold = [&](tsPointsToPlanes& e, const giXform3& m) {
-        e.add_positioning(m * pivot, pivot, giVector3(1, 0, 0), 0);
-    };
-    stepped = iterate_steps(s, turn, hold);
-    EXPECT_LT(pose_error(stepped * turn, I, s), 1e-9);
-    tsPointsToPlanes h = loaded(s, turn);
-    hold(h, turn);
-    ASSERT_EQ(h.single_linear_step(step), 1);
-    EXPECT_LT((step * (turn * pivot) - pivot).length(), 1e-9);
-}
-
 TEST(PointsToPlanes, PositioningDominatesBestfit) {
     // 3-2-1 positioning from one motion, bestfit points from another: the
     // pose follows the positioning, the bestfit absorbs the disagreement.
@@ -243,102 +190,6 @@ TEST(PointsToPlanes, BalancedPairsCentreThePart) {
     centred(T);
     p.fit(T, 1e-9, nullptr);
     centred(T);
-}
-
-TEST(PointsToPlanes, TolerancesBandsAreMetOrReported) {
-    // One high point among ten on z = 0: least squares leaves it outside a
-    // +-0.05 band, the minimax phase brings every point inside.
-    tsPointsToPlanes p;
-    for (int k = 0; k < 10; ++k)
-        p.add_bestfit(giPoint3(10.0 * k, 3.0 * (k % 3), k == 4 ? 0.09 : 0.0),
-                      giPoint3(10.0 * k, 3.0 * (k % 3), 0), giVector3(0, 0, 1), -0.05, 0.05, 1.0);
-    p.lock_rotations(giVector3(0, 0, 1), giVector3(), giVector3());
-    ASSERT_EQ(p.has_limits(), 1);
-    const giXform3 T = fitted(p);
-    for (const tsPlaneAndPoint& e : p.bestfit_entries()) {
-        EXPECT_LE(e.deviation(T), 0.05 + 1e-9);
-        EXPECT_GE(e.deviation(T), -0.05 - 1e-9);
-    }
-    // The linear step meets the band as well, through the constrained
-    // minimum, and reports nothing over-determined.
-    giXform3 step;
-    ASSERT_EQ(p.single_linear_step(step), 1);
-    for (const tsPlaneAndPoint& e : p.bestfit_entries()) EXPECT_LE(e.deviation(step), 0.05 + 1e-9);
-    EXPECT_EQ(p.overdetermined_constraints().size(), 0);
-
-    // Two bands that cannot both hold: reported, not silently violated.
-    tsPointsToPlanes q;
-    q.add_bestfit(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(0, 0, 1), 0.1, 0.2, 1.0);
-    q.add_bestfit(giPoint3(5, 0, 0), giPoint3(5, 0, 0), giVector3(0, 0, 1), -0.2, -0.1, 1.0);
-    q.lock_rotations(giVector3(0, 0, 1), giVector3(), giVector3());
-    ASSERT_EQ(q.single_linear_step(step), 1);
-    EXPECT_GT(q.overdetermined_constraints().size(), 0);
-    q.clear_bestfit_data();
-    EXPECT_EQ(q.overdetermined_constraints().size(), 0);
-}
-
-TEST(PointsToPlanes, PositioningStates) {
-    using P = tsPointsToPlanes;
-    P p;
-    const giXform3 I(giIdentity);
-    for (int i = 0; i < 7; ++i) {
-        p.add_positioning(kPos[i], kPos[i], kNrm[i], 1);
-        EXPECT_EQ(p.test_positioning(1, I), i < 5    ? P::POSITIONING_OPEN
-                                            : i == 5 ? P::POSITIONING_COMPLETE
-                                                     : P::POSITIONING_REDUNDANT)
-            << i;
-    }
-    EXPECT_EQ(p.test_positioning(0, I), P::POSITIONING_REDUNDANT);
-    // The redundant seventh goes to the spares; the pose holds.
-    giXform3 T(giIdentity);
-    EXPECT_EQ(p.fix_overdetermined_positioning(T), 1);
-    EXPECT_EQ(p.positioning_entries().size(), 6);
-    EXPECT_EQ(p.spare_entries().size(), 1);
-    EXPECT_EQ(p.test_positioning(0, I), P::POSITIONING_COMPLETE);
-    EXPECT_TRUE(equal(T, I, 1e-12));
-
-    // Spares complete an open positioning: the redundant spare is skipped.
-    P q;
-    const giWorkplane3 frame;
-    q.add_positioning(kPos[0], frame, kPos[0], P::PLANE_SPARE, P::PLANE_LOCKED, P::PLANE_LOCKED, 1);
-    q.add_positioning(kPos[1], frame, kPos[1], P::PLANE_IGNORED, P::PLANE_SOFT, P::PLANE_LOCKED, 1);
-    q.add_positioning(kPos[2], frame, kPos[2], P::PLANE_SPARE, P::PLANE_SPARE, P::PLANE_SPARE, 1);
-    EXPECT_EQ(q.positioning_entries().size(), 4);
-    EXPECT_EQ(q.positioning_entries()[2].weight, 0.001);
-    EXPECT_EQ(q.spare_entries().size(), 4);
-    EXPECT_EQ(q.test_positioning(0, I), P::POSITIONING_OPEN);
-    EXPECT_EQ(q.fix_undetermined_positioning(T), 1);
-    EXPECT_EQ(q.test_positioning(0, I), P::POSITIONING_COMPLETE);
-    EXPECT_LT(q.spare_entries().size(), 4);
-    // A locked direction leaves four motions to position.
-    P r;
-    r.lock_direction(giVector3(0, 0, 1), giVector3(0, 0, 1), 0);
-    for (int i : {0, 3, 4, 5}) r.add_positioning(kPos[i], kPos[i], kNrm[i], 1);
-    EXPECT_EQ(r.test_positioning(0, I), P::POSITIONING_COMPLETE);
-}
-
-TEST(PointsToPlanes, LinearStepEdgeCases) {
-    // Three parallel planes leave the in-plane motions free: the step moves
-    // the points only along the normal.
-    tsPointsToPlanes p;
-    for (int k = 0; k < 9; ++k)
-        add(p, giPoint3(7.0 * k, 3.0 * (k % 4), (k % 3) + 0.1),
-            giPoint3(7.0 * k, 3.0 * (k % 4), k % 3), giVector3(0, 0, 1));
-    giXform3 step;
-    ASSERT_EQ(p.single_linear_step(step), 1);
-    EXPECT_TRUE(equal(step, giXform3(giVector3(0, 0, -0.1)), 1e-12));
-
-    // Rotation scale: kept when every point coincides, capped near a point.
-    tsPointsToPlanes at_one_point;
-    for (int k = 0; k < 3; ++k)
-        add(at_one_point, giPoint3(0, 0, 0), giPoint3(0, 0, 0), giVector3(k == 0, k == 1, k == 2));
-    ASSERT_EQ(at_one_point.single_linear_step(step), 1);
-    EXPECT_EQ(at_one_point.rotation_scale(), 1.0);
-    tsPointsToPlanes tiny;
-    for (const double x : {1e-12, -1e-12})
-        add(tiny, giPoint3(x, 0, 0), giPoint3(0, 0, 0), giVector3(1, 0, 0));
-    tiny.single_linear_step(step);
-    EXPECT_EQ(tiny.rotation_scale(), 1e7);
 }
 
 TEST(PointsToPlanes, BadInputAndLoadingRules) {

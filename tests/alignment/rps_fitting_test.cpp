@@ -1,12 +1,11 @@
 // Alignment by a reference point system: known motions with the positioning
-// held, spares, balances, locks, statuses and stops.
+// held, statuses and stops.
 #include "metrofit/alignment/rps_fitting.h"
 
 #include <gtest/gtest.h>
 
 #include <cfloat>
 #include <cmath>
-#include <memory>
 #include <vector>
 
 #include "metrofit/platform/surface/analytic_surfaces.h"
@@ -154,58 +153,6 @@ TEST_F(RPSFitting, PositioningHoldsAgainstTheFittingPoints) {
         EXPECT_NEAR(rps.projected_points()[k].signed_distance(), 0.2, 1e-4);
 }
 
-// Balanced pairs on the two ends centre a block that is 0.4 too long
-// between them: both ends show 0.2, whichever way it was measured.
-TEST_F(RPSFitting, BalancesCentreBetweenFaces) {
-    const giXform3 motion = testsupport::random_motion(0.4, 0.5, 12);
-    tsRPSFitting rps(50, 1e-10);
-    rps.set_projector(&projector);
-    // Long by 0.1 at the low end and 0.3 at the high end.
-    for (int k = 0; k < 3; ++k) {
-        giVector3 n0, n1;
-        const giPoint3 s0 = face_point(0, 0, 0.2 + 0.3 * k, 0.5, n0);
-        const giPoint3 s1 = face_point(0, 1, 0.7 - 0.2 * k, 0.3, n1);
-        rps.add_balance(probed(motion, s0 - giVector3(0.1, 0, 0), n0), 1.0,
-                        probed(motion, s1 + giVector3(0.3, 0, 0), n1), -1.0);
-    }
-    add_faces(rps, motion, {{1, 0}, {1, 1}, {2, 0}, {2, 1}}, 5, 4);
-    ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK);
-    for (int k = 0; k < 6; ++k)
-        EXPECT_NEAR(rps.projected_points()[k].signed_distance(), 0.2, 1e-7) << k;
-}
-
-// A plate's face with its bore axis locked, a shaft with its end plane
-// locked, one locator against the turn: the motion is recovered.
-TEST_F(RPSFitting, AxisAndPlaneLocksOnAnalyticSurfaces) {
-    const giXform3 motion = testsupport::random_motion(0.7, 0.4, 21);
-    const giXform3 back = motion.inverse();
-    const srkPlaneSurf plane(giPoint3(0, 0, 0), giVector3(0, 0, 1));
-    const srkCylinderSurf shaft(giPoint3(10, 20, 0), giVector3(0, 0, 1), 15.0);
-    for (int shape = 0; shape < 2; ++shape) {
-        const srkSurf& surface = shape == 0 ? static_cast<const srkSurf&>(plane) : shaft;
-        const tsSurfProjectorForFitting3 on_surface(&surface);
-        tsRPSFitting rps(50, 1e-10);
-        rps.set_projector(&on_surface);
-        testsupport::Rng rng(31 + shape);
-        for (int k = 0; k < 24; ++k) {
-            const double a = rng.uniform(0, 2 * testsupport::kPi);
-            const giVector3 n = shape ? giVector3(std::cos(a), std::sin(a), 0) : giVector3(0, 0, 1);
-            const giPoint3 s = shape ? giPoint3(10, 20, rng.uniform(5, 60)) + 15.0 * n
-                                     : giPoint3(rng.uniform(-40, 40), rng.uniform(-40, 40), 0);
-            rps.add_point(probed(motion, s, n, 2.0), -DBL_MAX, DBL_MAX);
-        }
-        if (shape == 0)
-            rps.lock_axis(giInfLine3(back * giPoint3(10, 20, -5), back * giVector3(0, 0, 1)),
-                          giInfLine3(giPoint3(10, 20, 0), giVector3(0, 0, 1)), 0);
-        else
-            rps.lock_plane(giPlane(back * giVector3(0, 0, 1), back * giPoint3(12, 22, 0)),
-                           giPlane(giVector3(0, 0, 1), giPoint3(0, 0, 0)), 0);
-        position(rps, motion, giPoint3(60, 40, 0), I, L, I);
-        ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK) << shape;
-        EXPECT_LT(max_difference(rps.transform(), motion, 0.01), 1e-9) << shape;
-    }
-}
-
 // Moves the plane z = 0 up and down by 1 on every batch, or loses two
 // points in three after the first batch.
 class FickleProjector : public tsProjectorForFitting3 {
@@ -273,62 +220,6 @@ TEST_F(RPSFitting, StatusesAndStops) {
         EXPECT_EQ(rps.fit(), tsRPS_FITTING_NOT_CONVERGED);
         EXPECT_EQ(rps.get_iterations(), 3);
     }
-}
-
-// Starting again: the identity, 240 starts for the first fit only, the same
-// result; repeated fits are bit-identical.
-TEST_F(RPSFitting, SlowFirstIterationStartsAgain) {
-    const giXform3 motion = testsupport::random_motion(0.5, 0.3, 17);
-    auto make = [&](tsRPSFitting& rps) {
-        rps.set_projector(&projector);
-        three_two_one(rps, motion, L);
-        add_faces(rps, motion, {{0, 1}, {1, 1}, {2, 1}}, 5, 3);
-    };
-    tsRPSFitting rps(50, 1e-9), again(50, 1e-9);
-    make(rps);
-    make(again);
-    ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK);
-    ASSERT_EQ(again.fit(), tsRPS_FITTING_OK);
-    EXPECT_EQ(max_difference(rps.transform(), again.transform(), 1.0), 0.0);
-    const double before = rps.standard_deviation_of_nominals();
-    const giXform3 found = rps.transform();
-    rps.slow_first_iteration();
-    EXPECT_TRUE(rps.transform().is_identity());
-    EXPECT_EQ(rps.get_iterations(), 0);
-    EXPECT_EQ(rps.points_to_planes().num_guesses(), 240);
-    EXPECT_GT(rps.standard_deviation_of_nominals(), 100 * before + 1e-3);
-    ASSERT_EQ(rps.do_iteration(), 1);
-    EXPECT_EQ(rps.points_to_planes().num_guesses(), 60);
-    ASSERT_EQ(rps.fit(), tsRPS_FITTING_OK);
-    EXPECT_LT(max_difference(rps.transform(), found, 0.01), 1e-9);
-}
-
-// The positioning operations of the embedded object: an entry taken out and
-// put back keeps its first measured point; the determination test.
-TEST_F(RPSFitting, PositioningDataOperations) {
-    const giXform3 motion = testsupport::random_motion(0.5, 0.3, 3);
-    tsRPSFitting rps(50, 1e-9);
-    giXform3 T(giIdentity);
-    EXPECT_EQ(rps.rps_determined(0, T), 0);
-    three_two_one(rps, motion, L);
-    EXPECT_EQ(rps.rps_determined(0, T), 1);
-
-    tsPointsToPlanes p;
-    p.add_positioning(giPoint3(1, 2, 3), giPoint3(1, 2, 0), giVector3(0, 0, 1), 1);
-    p.add_positioning(giPoint3(4, 5, 6), giPoint3(4, 5, 0), giVector3(0, 0, 1), 1);
-    const double sd = p.standard_deviation_of_nominals(T);
-    p.transform_rps_data(giXform3(giVector3(0, 0, -4)));
-    EXPECT_EQ(p.positioning_entries()[1].measured_point.z(), 2.0);
-    tsRPSData taken;
-    ASSERT_EQ(p.pop_back_rps(taken), 1);
-    EXPECT_EQ(taken.point.z(), 6.0);
-    EXPECT_EQ(taken.entry.measured_point.z(), 2.0);
-    EXPECT_EQ(p.positioning_entries().size(), 1);
-    p.undo_pop_back_rps(taken);
-    EXPECT_EQ(p.standard_deviation_of_nominals(T), sd);
-    EXPECT_EQ(p.positioning_entries()[1].measured_point.z(), 2.0);
-    tsPointsToPlanes empty;
-    EXPECT_EQ(empty.pop_back_rps(taken), 0);
 }
 
 }  // namespace

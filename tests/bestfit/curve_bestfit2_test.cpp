@@ -1,5 +1,5 @@
 // The profile and its bestfit: foot points, the text form's refusals, known
-// motions of a cam profile, locks, bands and bad input.
+// motions of a cam profile, determinism and bad input.
 #include "metrofit/bestfit/curve_bestfit2.h"
 
 #include <gtest/gtest.h>
@@ -223,70 +223,42 @@ TEST(CurveBestfit2, RecoversAKnownMotion) {
     }
 }
 
-TEST(CurveBestfit2, LocksRestrictTheMotion) {
+// A locked pivot stays put (a pure turn about it is recovered); a locked
+// axis leaves a pure slide along it; a band [0, inf) lifts the deviations
+// that least squares leaves below 0, and a band narrower than the noise is
+// reported as over-determined.
+TEST(CurveBestfit2, LocksAndBandsHold) {
     const tsCurve2 c = cam();
     const tsCurveProjectorForFitting2 projector(&c);
     const std::vector<Sample> s = sample(c, 200);
     const giPoint2 pivot(50, 10);
-    // Locking the pivot: a pure turn about it is recovered exactly; with a
-    // shift as well the pivot still stays put and the shift is left over.
-    for (const bool shifted : {false, true}) {
-        SCOPED_TRACE(shifted);
-        const giXform2 m = shifted ? motion(3, 0.4, -0.3, pivot) : motion(5, 0, 0, pivot);
-        tsCurveBestfit2 fit = fitter(s, m, shifted ? 0 : 1, 0);
-        fit.lock_origin(pivot, pivot);
-        const Outcome r = run(fit, &projector);
-        EXPECT_EQ(r.ok, 1);
-        EXPECT_LT((r.X * pivot - pivot).length(), 1e-12);
-        EXPECT_TRUE(shifted ? r.max_distance > 0.1 : residual_motion(r.X, m, s) < 1e-9 * 60);
-    }
-    // A shift along x only, with the axis locked to x: recovered exactly,
-    // and a shift with a turn keeps the transform a pure x shift.
-    for (double degrees : {0.0, 2.0}) {
-        const giXform2 m = motion(degrees, 0.8, 0.0);
-        tsCurveBestfit2 fit = fitter(s, m, 0.5, 0);
-        fit.lock_axis(giVector2(1, 0), giVector2(1, 0));
-        const Outcome r = run(fit, &projector);
-        EXPECT_EQ(r.ok, 1) << degrees;
-        EXPECT_NEAR(r.X(0, 0), 1.0, 1e-15) << degrees;
-        EXPECT_NEAR(r.X(1, 0), 0.0, 1e-15) << degrees;
-        EXPECT_NEAR(r.X(1, 2), 0.0, 1e-12) << degrees;
-        if (degrees == 0.0) {
-            EXPECT_NEAR(r.X(0, 2), -0.8, 1e-9);
-        }
-    }
-}
+    tsCurveBestfit2 turned = fitter(s, motion(5, 0, 0, pivot), 1, 0);
+    turned.lock_origin(pivot, pivot);
+    Outcome r = run(turned, &projector);
+    EXPECT_EQ(r.ok, 1);
+    EXPECT_LT(residual_motion(r.X, motion(5, 0, 0, pivot), s), 1e-9 * 60);
+    tsCurveBestfit2 slid = fitter(s, motion(2, 0.8, 0), 0.5, 0);
+    slid.lock_axis(giVector2(1, 0), giVector2(1, 0));
+    r = run(slid, &projector);
+    EXPECT_EQ(r.ok, 1);
+    EXPECT_NEAR(r.X(0, 0), 1.0, 1e-15);
+    EXPECT_NEAR(r.X(1, 0), 0.0, 1e-15);
+    EXPECT_NEAR(r.X(1, 2), 0.0, 1e-12);
 
-TEST(CurveBestfit2, BandsAreMetOrReported) {
-    const tsCurve2 c = cam();
-    const tsCurveProjectorForFitting2 projector(&c);
-    const std::vector<Sample> s = sample(c, 200);
-    const giXform2 m = motion(1, 0.3, 0.2);
-    // On the flat and the nose alone least squares leaves deviations of both
-    // signs; the band [0, inf) lifts them all.
     std::vector<Sample> open;
     for (std::size_t i = 0; i < s.size(); ++i)
         if (i % 4 < 2) open.push_back(s[i]);
+    const giXform2 m = motion(1, 0.3, 0.2);
     tsCurveBestfit2 plain = fitter(open, m, 1, 0.01);
     EXPECT_LT(run(plain, &projector, 1e-10).min_signed, -0.01);
     tsCurveBestfit2 banded = fitter(open, m, 1, 0.01, 7, 0.0, DBL_MAX);
-    const Outcome r = run(banded, &projector, 1e-10);
+    r = run(banded, &projector, 1e-10);
     EXPECT_EQ(r.ok, 1);
     EXPECT_GT(r.min_signed, -1e-7);
     EXPECT_EQ(banded.overdetermined_constraints().size(), 0);
-    // A band far narrower than the noise cannot hold for every point: what
-    // it cannot hold is reported, the rest is met.
     tsCurveBestfit2 narrow = fitter(s, m, 0, 0.05, 9, -0.01, 0.01);
     EXPECT_EQ(run(narrow, &projector, 1e-10).ok, 1);
-    const intcoDynArr& dropped = narrow.overdetermined_constraints();
-    EXPECT_GT(dropped.size(), 0);
-    for (int i = 0; i < narrow.nb_points(); ++i) {
-        const double d = narrow.get_pointcloud()[i].signed_distance();
-        bool lower_dropped = false, upper_dropped = false;
-        for (int k : dropped) lower_dropped |= k == 2 * i, upper_dropped |= k == 2 * i + 1;
-        EXPECT_TRUE(lower_dropped || d > -0.01 - 1e-7) << i;
-        EXPECT_TRUE(upper_dropped || d < 0.01 + 1e-7) << i;
-    }
+    EXPECT_GT(narrow.overdetermined_constraints().size(), 0);
 }
 
 TEST(CurveBestfit2, RefusesBadInputWithAStatus) {

@@ -1,11 +1,10 @@
-// Probe-compensated projection onto a surface, the projected-point record,
-// the batch projection and the nominal-object wrappers.
+// Probe-compensated projection onto a surface: the candidate chosen, the
+// rejections, ties and points on the surface.
 #include "metrofit/bestfit/fit_points.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cfloat>
 #include <vector>
 
 namespace {
@@ -95,57 +94,6 @@ TEST(SurfaceProjection, RejectionsTiesAndPointsOnTheSurface) {
     tsProjectedPoint3 out(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giUnitVec3(0, 0, 1));
     p.project_from_position(giXform3(giIdentity), out, nullptr);
     EXPECT_TRUE(out.invalid());
-}
-
-TEST(SurfaceProjection, RecordsBatchesAndNominalObjects) {
-    tsProjectedPoint3 r(giPoint3(0, 0, -1), giPoint3(0, 0, 0), giUnitVec3(0, 0, 1));
-    EXPECT_EQ(r.invalid(), 0);
-    EXPECT_EQ(r.signed_distance(), -1.0);
-    EXPECT_EQ(static_cast<double>(r.distance()), 1.0);
-    r.set_invalid();
-    EXPECT_EQ(r.invalid(), 1);
-    EXPECT_EQ(tsProjectedPoint3().invalid(), 1);
-    EXPECT_EQ(tsProjectedPoint2().invalid(), 1);
-    tsProjectedPoint3coDynArr grown(0, 4);
-    grown[10] = tsProjectedPoint3(giPoint3(0, 0, 0), giPoint3(0, 0, 0), giUnitVec3(0, 0, 1));
-    EXPECT_EQ(grown.size(), 11);
-    EXPECT_EQ(grown[9].invalid(), 1);
-
-    // The batch: count <= 0 calls nothing; otherwise every point in order.
-    auto surf = std::make_shared<ScriptedSurf>();
-    surf->feet = {giPoint3(0, 0, 0)};
-    surf->normals = {giUnitVec3(0, 0, 1)};
-    tsSurfaceForFitting nominal(surf);
-    const tsProjectorForFitting3coPrf projector = nominal.create_projector();
-    const tsProbedPoint3 p(giPoint3(0, 0, 1), giUnitVec3(0, 0, 1), 0.25);
-    tsProjectedPoint3 results[2];
-    int calls = 0;
-    auto get_point = [&](int) -> const tsFitPoint3& {
-        ++calls;
-        return p;
-    };
-    auto get_result = [&](int i) -> tsProjectedPoint3& { return results[i]; };
-    projector->project_batch(get_point, get_result, 0, 1, giXform3(giIdentity));
-    projector->project_batch(get_point, get_result, -3, 1, giXform3(giIdentity));
-    EXPECT_EQ(calls, 0);
-    projector->project_batch(get_point, get_result, 2, 0, giXform3(giVector3(0, 0, 1)));
-    EXPECT_EQ(calls, 2);
-    EXPECT_NEAR(results[1].signed_distance(), 1.75, 1e-15);
-
-    // A copy owns its own surface: moving it leaves the original.
-    tsObjectForFitting* copy = nominal.copy();
-    copy->transform(giXform3(giVector3(0, 0, 5)));
-    EXPECT_EQ(surf->feet[0].z(), 0.0);
-    const tsProjectorForFitting3coPrf moved = copy->create_projector();
-    tsProjectedPoint3 out;
-    p.initial_projection(out, moved.get());
-    EXPECT_NEAR(out.signed_distance(), -4.25, 1e-15);
-    delete copy;
-    // The plain nominal object projects nothing.
-    tsObjectForFitting plain;
-    tsProjectedPoint3 untouched(giPoint3(1, 1, 1), giPoint3(1, 1, 1), giUnitVec3(0, 0, 1));
-    p.initial_projection(untouched, plain.create_projector().get());
-    EXPECT_EQ(untouched.measured_point(), giPoint3(1, 1, 1));
 }
 
 }  // namespace

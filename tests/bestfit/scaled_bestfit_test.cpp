@@ -1,5 +1,5 @@
 // Surface bestfit with a uniform scale: known motions and scales, what one
-// surface alone fixes, the start from pairs, locks, bands and bad input.
+// surface alone fixes, the start from pairs, the centre, and bad input.
 #include "metrofit/bestfit/scaled_bestfit.h"
 
 #include <gtest/gtest.h>
@@ -226,26 +226,6 @@ TEST(ScaledSurfaceBestfit, ReportsWhatOneSurfaceAloneLeavesOpen) {
     EXPECT_EQ(f.undetermined, 3);
 }
 
-TEST(ScaledSurfaceBestfit, FixedUnitScaleAgreesWithTheRigidBestfit) {
-    const Sample s = box(60, 8);
-    const std::vector<tsFitPoint3coPrf> pts =
-        measured(s, similarity(1.0, 2.0, giVector3(1, -1, 0.5), giPoint3(0, 0, 0)), 0.01, 9);
-    const Fitted scaled = run(s, pts, [](Fit& f) { f.fix_scale(1.0); });
-    ASSERT_GT(scaled.status, 0);
-
-    const tsSurfProjectorForFitting3 projector(s.surface.get());
-    tsSurfaceBestfit rigid;
-    rigid.set_projector(&projector);
-    for (const tsFitPoint3coPrf& p : pts) rigid.add_point(p);
-    giXform3 T;
-    double a, b, c;
-    int n;
-    rigid.fit(1e-12, T, a, b, c, n);
-    // The two agree to a small fraction of sigma; a fitted scale would stray
-    // by about sigma.
-    EXPECT_LT(worst_gap(s, scaled.xform, T), 1e-5);
-}
-
 TEST(ScaledSurfaceBestfit, PairsBringInAFarOffStart) {
     // 30 degrees and 50 mm away: the local iteration alone ends elsewhere;
     // four corners picked roughly (0.5 mm off) start it close enough.
@@ -284,90 +264,73 @@ TEST(ScaledSurfaceBestfit, CentreOnlySplitsTheResultAndRunsRepeatBitForBit) {
     EXPECT_NEAR(f[0].scale, f[2].scale, 1e-12);
 }
 
-TEST(ScaledSurfaceBestfit, LockedRotationsShiftAlongTheGivenAxesOnly) {
-    const Sample s = box(40, 14);
-    const giXform3 truth = similarity(1.002, 0.0, giVector3(0.7, 0.0, 0.0), giPoint3(0, 0, 0));
-    const giXform3 turned = similarity(1.002, 1.0, giVector3(0.7, 0.4, 0.0), giPoint3(0, 0, 0));
-    for (const giXform3* motion : {&truth, &turned}) {
-        // A lock vector of any length: that of the first case is 2.
-        const Fitted f = run(s, measured(s, *motion, 0.0, 15), [&](Fit& b) {
-            b.lock_rotations(giVector3(motion == &truth ? 2 : 1, 0, 0), giVector3(), giVector3());
+// Locks hold exactly (a locked point, a locked direction, a line through a
+// point, shifts along x only) and, true to the data, recover the truth; a
+// band of +-0.01 on points 0.05 proud holds; a contradicting band is
+// recorded.
+TEST(ScaledSurfaceBestfit, LocksAndBandsHold) {
+    const Sample s = box(30, 16);
+    const giXform3 truth = similarity(1.002, 2.0, giVector3(0.5, -0.4, 0.3), giPoint3(10, 20, 5));
+    const giXform3 back = truth.inverse();
+    const std::vector<tsFitPoint3coPrf> pts = measured(s, truth, 0.0, 17);
+    const giPoint3 q0(50, 30, 20), m0 = back * q0;
+    const giVector3 a(0, 0, 1), dm = back * a;
+    for (int lock = 0; lock < 3; ++lock) {
+        SCOPED_TRACE(lock);
+        const Fitted f = run(s, pts, [&](Fit& b) {
+            if (lock == 0) b.lock_origin(m0, q0);
+            if (lock > 0)
+                b.lock_axis(lock == 1 ? tsSURFACE_BESTFIT_AXIS_DIRECTION
+                                      : tsSURFACE_BESTFIT_AXIS_THROUGH_POINT,
+                            dm, a, m0, q0);
         });
         ASSERT_GT(f.status, 0);
-        if (motion == &truth) {
-            EXPECT_LT(worst_gap(s, f.xform, truth), 1e-7);
+        const giVector3 d = f.xform * dm, v = f.xform * m0 - q0;
+        if (lock != 1) {
+            EXPECT_LT((v - a * (lock == 2 ? dot(a, v) : 0.0)).length(), 1e-10);
         }
-        for (int r = 0; r < 3; ++r)
-            for (int j = 0; j < 3; ++j) EXPECT_NEAR(f.xform(r, j), r == j ? f.scale : 0.0, 1e-15);
-        EXPECT_NEAR(f.xform(1, 3), 0.0, 1e-12);
-        EXPECT_NEAR(f.xform(2, 3), 0.0, 1e-12);
+        if (lock > 0) {
+            EXPECT_LT((d * (1.0 / d.length()) - a).length(), 1e-12);
+        }
+        EXPECT_LT(worst_gap(s, f.xform, truth), 1e-7);
     }
-}
+    const Fitted shift = run(
+        s, measured(s, similarity(1.002, 1.0, giVector3(0.7, 0.4, 0), giPoint3(0, 0, 0)), 0.0, 15),
+        [](Fit& b) { b.lock_rotations(giVector3(1, 0, 0), giVector3(), giVector3()); });
+    ASSERT_GT(shift.status, 0);
+    for (int r = 0; r < 3; ++r)
+        for (int j = 0; j < 3; ++j)
+            EXPECT_NEAR(shift.xform(r, j), r == j ? shift.scale : 0.0, 1e-15);
+    EXPECT_NEAR(shift.xform(1, 3), 0.0, 1e-12);
 
-TEST(ScaledSurfaceBestfit, OriginAndAxisLocksHoldExactly) {
-    // Locks true to the data recover the truth; one a little off (1.1
-    // degrees, 0.1) still holds exactly and moves the fit off the truth.
-    const Sample s = box(40, 16);
-    const giXform3 truth = similarity(1.002, 2.0, giVector3(0.5, -0.4, 0.3), giPoint3(10, 20, 5));
-    const std::vector<tsFitPoint3coPrf> pts = measured(s, truth, 0.0, 17);
-    const giPoint3 q0(50, 30, 20);
-    const giVector3 a(0, 0, 1), tilt(0.02, 0, 0);
-    enum Kind { kOrigin, kDirection, kThroughPoint };
-    for (const Kind kind : {kOrigin, kDirection, kThroughPoint})
-        for (const bool off : {false, true}) {
-            SCOPED_TRACE(testing::Message() << kind << (off ? " off" : ""));
-            const giPoint3 m0 =
-                truth.inverse() * q0 + (off && kind == kOrigin ? tilt * 5.0 : a * 0.0);
-            const giVector3 dm = truth.inverse() * a + (off && kind != kOrigin ? tilt : a * 0.0);
-            const Fitted f = run(s, pts, [&](Fit& b) {
-                if (kind == kOrigin)
-                    b.lock_origin(m0, q0);
-                else
-                    b.lock_axis(kind == kDirection ? tsSURFACE_BESTFIT_AXIS_DIRECTION
-                                                   : tsSURFACE_BESTFIT_AXIS_THROUGH_POINT,
-                                dm, a, m0, q0);
-            });
-            ASSERT_GT(f.status, 0);
-            const giVector3 d = f.xform * dm, v = f.xform * m0 - q0;
-            if (kind == kOrigin) {
-                EXPECT_LT(v.length(), 1e-10);
-            } else {
-                EXPECT_LT((d * (1.0 / d.length()) - a).length(), 1e-12);
-            }
-            if (kind == kThroughPoint) {
-                EXPECT_LT((v - a * dot(a, v)).length(), 1e-10);
-            }
-            const double gap = worst_gap(s, f.xform, truth);
-            EXPECT_TRUE(off ? gap > 0.01 : gap < 1e-7) << gap;
-        }
-}
-
-TEST(ScaledSurfaceBestfit, BandsHoldAndContradictionsAreRecorded) {
-    // Five points 0.05 proud: about 0.04 out plainly, within bands of +-0.01;
-    // a point repeated with an excluding band is recorded.
-    const Sample s = box(30, 18);
-    const std::vector<tsFitPoint3coPrf> pts = measured(
-        s, similarity(1.001, 1.0, giVector3(0.2, 0.1, -0.3), giPoint3(0, 0, 0)), 0.0, 0, 5);
-    std::vector<int> proud;
-    for (std::size_t i = 0; i < s.feet.size() && proud.size() < 5; ++i)
-        if (s.normals[i].x() > 0.5) proud.push_back(static_cast<int>(i));
+    std::vector<tsFitPoint3coPrf> proud;
+    std::vector<int> bumped;
+    for (std::size_t i = 0; i < s.feet.size(); ++i) {
+        const bool bump = s.normals[i].x() > 0.5 && bumped.size() < 5;
+        if (bump) bumped.push_back(static_cast<int>(i));
+        const giPoint3 q = s.feet[i] + s.normals[i] * (bump ? 0.05 : 0.0);
+        proud.push_back(tsFitPoint3coPrf(new tsProbedPoint3(back * q, back * s.normals[i], 0.0)));
+    }
     for (int banded : {0, 1, 2}) {
         SCOPED_TRACE(banded);
-        const Fitted f = run(s, {}, [&](Fit& fit) {
-            for (std::size_t i = 0; i < pts.size(); ++i) {
+        const Fitted f = run(s, {}, [&](Fit& b) {
+            for (std::size_t i = 0; i < proud.size(); ++i) {
                 const bool on =
-                    banded && std::count(proud.begin(), proud.end(), static_cast<int>(i));
-                fit.add_point(pts[i], on ? -0.01 : -DBL_MAX, on ? 0.01 : DBL_MAX, 1.0);
+                    banded && std::find(bumped.begin(), bumped.end(), i) != bumped.end();
+                b.add_point(proud[i], on ? -0.01 : -DBL_MAX, on ? 0.01 : DBL_MAX, 1.0);
             }
-            if (banded == 2) fit.add_point(pts[proud[0]], 0.5, 0.6, 1.0);
+            if (banded == 2) b.add_point(proud[bumped[0]], 0.5, 0.6, 1.0);
         });
         ASSERT_GT(f.status, 0);
         double worst = 0.0;
-        for (int i : proud) worst = std::max(worst, std::fabs(f.signed_distances[i]));
-        EXPECT_EQ(f.overdetermined > 0, banded == 2);
-        if (banded < 2) {
-            EXPECT_TRUE(banded ? worst <= 0.01 + 1e-9 : worst > 0.03) << worst;
+        for (int i : bumped) worst = std::max(worst, std::fabs(f.signed_distances[i]));
+        if (banded == 0) {
+            EXPECT_GT(worst, 0.03);
         }
+        if (banded == 1) {
+            EXPECT_LE(worst, 0.01 + 1e-9);
+        }
+        EXPECT_EQ(f.overdetermined > 0, banded == 2);
     }
 }
 
@@ -408,18 +371,11 @@ TEST(ScaledSurfaceBestfit, RefusesBadInputAndLeavesOutputsUntouched) {
         {"NaN pair", bad, [&](Fit& f) { f.add_pair(giPoint3(nan, 0, 0), o); }},
         {"negative weight", bad, [&](Fit& f) { f.add_point(pts[0], -1.0); }},
         {"zero fixed scale", bad, [](Fit& f) { f.fix_scale(0.0); }},
-        {"NaN centre", bad, [&](Fit& f) { f.set_scale_centre(giPoint3(0, nan, 0)); }},
         {"band upside down", bad, [&](Fit& f) { f.add_point(pts[0], 0.1, -0.1, 1.0); }},
-        {"NaN band", bad, [&](Fit& f) { f.add_point(pts[0], nan, 0.1, 1.0); }},
         {"axis of no length", bad,
          [&](Fit& f) { f.lock_axis(tsSURFACE_BESTFIT_AXIS_DIRECTION, z * 0.0, z, o, o); }},
-        {"axis through no point", bad,
-         [&](Fit& f) {
-             f.lock_axis(tsSURFACE_BESTFIT_AXIS_THROUGH_POINT, z, z, giPoint3(-DBL_MAX, 0, 0), o);
-         }},
         {"NaN origin", bad, [&](Fit& f) { f.lock_origin(giPoint3(nan, 0, 0), o); }},
         {"NaN tolerance", bad, nullptr, nan},
-        {"negative tolerance", bad, nullptr, -1.0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

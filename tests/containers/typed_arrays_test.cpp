@@ -15,23 +15,13 @@ class CountedPoint : public tsProbedPoint3 {
     int* alive_;
 };
 
-TEST(TypedArrays, IndexedWritesGrowInWholeStepsAndShrinkEmpties) {
+TEST(TypedArrays, IndexedWritesGrowInWholeStepsWithInvalidDefaults) {
     tsProjectedPoint3coDynArr projected(0, 4);
     projected[10] = tsProjectedPoint3(giPoint3(1, 2, 3), giPoint3(1, 2, 3), giUnitVec3(0, 0, 1));
     EXPECT_EQ(projected.capacity(), 12);
     EXPECT_EQ(projected.size(), 11);
     for (int i = 0; i < 10; ++i) EXPECT_EQ(projected[i].invalid(), 1);
     EXPECT_EQ(projected[10].invalid(), 0);
-    projected.shrink(0, 1);
-    EXPECT_EQ(projected.size(), 0);
-
-    tsRPSDatacoDynArr rps;
-    rps[2] = tsRPSData(tsPlaneAndPoint(), giPoint3(4, 5, 6));
-    EXPECT_EQ(rps.size(), 3);
-    tsLineAndPointcoDynArr lines;
-    lines.append(tsLineAndPoint(giPoint2(1, 2), giPoint2(3, 4), giVector2(0, 2)));
-    EXPECT_EQ(lines[0].measured_point(), giPoint2(1, 2));
-    EXPECT_EQ(lines[0].line_normal().y(), 2.0);
 }
 
 TEST(TypedArrays, PagedReferencesKeepTheirAddressesAndExternalOnesAreNotDeleted) {
@@ -43,11 +33,6 @@ TEST(TypedArrays, PagedReferencesKeepTheirAddressesAndExternalOnesAreNotDeleted)
         for (int i = 0; i < 100; ++i) points.append(tsFitPoint3coPrf(new CountedPoint(&alive)));
         EXPECT_EQ(first, &points.read(0));
         EXPECT_EQ(alive, 101);
-        // A short array moves into one block of the smallest fitting size.
-        points.shrink(3, 0);
-        EXPECT_GT(points.repaginate(), 0);
-        EXPECT_EQ(points.block_size(), 4);
-        EXPECT_EQ(points.size(), 3);
     }
     EXPECT_EQ(alive, 0);
     CountedPoint kept(&alive);

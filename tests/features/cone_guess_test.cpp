@@ -76,56 +76,20 @@ void expect_cone(const mlVector& guess, const Cone& truth, double tol) {
     EXPECT_NEAR(c.half_angle, truth.half_angle, tol);
 }
 
-// Gradients against central differences, and the model's own driver
-// reaching the generic solver's minimum, from starts near and far, for axes
-// on and off the cone's.
+// Gradient against central differences, and the model's own driver reaching
+// the generic solver's minimum, for an axis off the cone's.
 TEST(ConeFixedAxis, GradientAndOwnDriverMatchTheGenericSolver) {
     const Sample s = moved_cone(testsupport::random_motion(35, 50, 3), 60, 25, 240, 1e-3, 7);
     tsLeastSquareConeFixedAxis model(s.points);
-    for (const giVector3 tilt : {giVector3(0, 0, 0), giVector3(0.05, 0.02, 0)}) {
-        model.set_axis(giUnitVec3(s.truth.axis + tilt));
-        const double a = dot(s.truth.apex.to_vector(), model.x_axis());
-        const double b = dot(s.truth.apex.to_vector(), model.y_axis());
-        for (const double off : {0.5, 5.0}) {
-            const mlVector start = {a + off, b - off};
-            expect_gradient_matches(model, start, 1e-6);
-            mlVector own, generic;
-            const double v_own = model.fit(start, own);
-            const double v_generic = mlLevenbergMarquardt(model).fit(start, generic);
-            EXPECT_NEAR(v_own, v_generic, 1e-9 * v_generic);
-            EXPECT_NEAR(own[0], generic[0], 1e-6 * (1 + std::fabs(generic[0])));
-            EXPECT_NEAR(own[1], generic[1], 1e-6 * (1 + std::fabs(generic[1])));
-        }
-    }
-}
-
-// Along x and z the frame map is its own inverse, so the fitted line gives
-// the apex itself; the axis must come out pointing to the apex whichever
-// sense the fixed direction has.
-TEST(ConeFixedAxis, ExactAxisRecoversGeneratingLine) {
-    struct Case {
-        giVector3 turn_about;
-        double degrees;
-        double w_sense;
-    };
-    for (const Case& c : {Case{{1, 0, 0}, 0, 1}, Case{{1, 0, 0}, 0, -1}, Case{{1, 0, 0}, 180, 1},
-                          Case{{0, 1, 0}, 90, -1}, Case{{0, 1, 0}, -90, 1}}) {
-        const giXform3 t =
-            giXform3::translation(giVector3(12, -7, 30)) *
-            giXform3::rotation(giPoint3(giOrigin), c.turn_about, giAngle(1, c.degrees));
-        const Sample s = moved_cone(t, 30, 25, 360, 0.0, 11);
-        const giVector3 w(std::round(s.truth.axis.x()) * c.w_sense,
-                          std::round(s.truth.axis.y()) * c.w_sense,
-                          std::round(s.truth.axis.z()) * c.w_sense);
-        tsLeastSquareConeFixedAxis model(s.points);
-        model.set_axis(w);
-        const mlVector start = {dot(s.truth.apex.to_vector(), model.x_axis()) + 5.0,
-                                dot(s.truth.apex.to_vector(), model.y_axis()) - 3.0};
-        mlVector result, guess;
-        EXPECT_LT(mlLevenbergMarquardt(model).fit(start, result), 1e-18);
-        model.full_fit_parameters(guess);
-        expect_cone(guess, s.truth, 1e-9);
-    }
+    model.set_axis(giUnitVec3(s.truth.axis + giVector3(0.05, 0.02, 0)));
+    const mlVector start = {dot(s.truth.apex.to_vector(), model.x_axis()) + 5.0,
+                            dot(s.truth.apex.to_vector(), model.y_axis()) - 5.0};
+    expect_gradient_matches(model, start, 1e-6);
+    mlVector own, generic;
+    const double v_own = model.fit(start, own);
+    const double v_generic = mlLevenbergMarquardt(model).fit(start, generic);
+    EXPECT_NEAR(v_own, v_generic, 1e-9 * v_generic);
+    for (int k = 0; k < 2; ++k) EXPECT_NEAR(own[k], generic[k], 1e-6 * (1 + std::fabs(generic[k])));
 }
 
 TEST(ConeGuess, FromNormalsRecoversExactCone) {
@@ -134,7 +98,7 @@ TEST(ConeGuess, FromNormalsRecoversExactCone) {
     };
     // Each cone also turned over, so that the plane's normal comes out
     // pointing away from the apex in one of the two and has to be reversed.
-    for (const Case& c : {Case{25, 360}, Case{60, 120}, Case{10, 360}})
+    for (const Case& c : {Case{60, 120}, Case{10, 360}})
         for (const double flip : {0.0, 180.0}) {
             const giXform3 t =
                 testsupport::random_motion(40, 1e3, 7) *
@@ -158,28 +122,18 @@ TEST(ConeGuess, TwoCirclesRecoverExactCone) {
                             -s * std::cos(half));
     };
     const Cone truth{apex, axis, half};
-    for (const bool near_first : {true, false}) {
-        const double s1 = near_first ? 20 : 70, s2 = near_first ? 70 : 20;
-        giPoint3coDynArr points = {at(s1, 0.1), at(s1, 2.0), at(s1, 4.5),
-                                   at(s2, 0.7), at(s2, 3.0), at(s2, 5.1)};
-        mlVector guess;
-        EXPECT_LT(two_circles(points, guess), 1e-18);
-        expect_cone(guess, truth, 1e-9);
-        // A tilted circle at (3, 4, 5) and the second ring at (6, 7, 8): the
-        // ring, most nearly parallel to the first, is chosen.
-        const giXform3 tilt = giXform3::rotation(apex, axis.any_normal(), giAngle(1, 60));
-        points = {points[0],        points[1], points[2], tilt * points[3], tilt * points[4],
-                  tilt * points[5], points[3], points[4], points[5]};
-        EXPECT_LT(two_circles(points, guess), DBL_MAX);  // 3 of the 9 points lie off the cone
-        expect_cone(guess, truth, 1e-9);
-    }
+    // The far ring given first.
+    giPoint3coDynArr points = {at(70, 0.1), at(70, 2.0), at(70, 4.5),
+                               at(20, 0.7), at(20, 3.0), at(20, 5.1)};
+    mlVector guess;
+    EXPECT_LT(two_circles(points, guess), 1e-18);
+    expect_cone(guess, truth, 1e-9);
     // Rings of radius 5 at height 0 and of radii 3 and 4 at height 9: every
     // later triple is exactly parallel to the first, and the first of them,
     // (3, 4, 5), is kept.
     const giPoint3coDynArr tied = {ring(5, 0, 0), ring(5, 0, 1), ring(5, 0, 2),
                                    ring(3, 9, 3), ring(3, 9, 4), ring(3, 9, 5),
                                    ring(4, 9, 6), ring(4, 9, 7), ring(4, 9, 8)};
-    mlVector guess;
     EXPECT_LT(two_circles(tied, guess), DBL_MAX);
     expect_cone(guess, {giPoint3(0, 0, 22.5), giUnitVec3(giZAxis), std::atan2(2.0, 9.0)}, 1e-9);
 }
@@ -249,7 +203,7 @@ TEST(ConeGuess, FixedAxisTrialsKeepWithinReferenceAndVary) {
     tsConeGuessGenerator a(s.points, c.axis, cone_angle, kNoNormals);
     tsConeGuessGenerator b(s.points, c.axis, cone_angle, kNoNormals);
     mlVector previous;
-    for (int call = 0; call < 3; ++call) {
+    for (int call = 0; call < 2; ++call) {
         mlVector ga, gb;
         const double va = a.get_guess_fixed_axis_fit(ga), vb = b.get_guess_fixed_axis_fit(gb);
         EXPECT_EQ(va, vb);  // two generators draw alike

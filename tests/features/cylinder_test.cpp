@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "metrofit/features/probed_cylinder.h"
-#include "metrofit/features/projected_circles.h"
 #include "metrofit/frame/distribution_quality.h"
 #include "metrofit/platform/maths/least_squares.h"
 #include "tests/support/gradient_check.h"
@@ -76,61 +75,17 @@ TEST(CylinderReference, MatchesEveryReferenceFit) {
     }
 }
 
-// Gradient and canonical form (axis point nearest the origin). The search's
-// projected circles are evaluate_circle2's circle near the axis, never a worse
-// one far from it; their sum of squares and largest residual are the cylinder's.
-TEST(CylinderModel, GradientCanonicalFormAndProjectedCircles) {
-    const giXform3 pose = testsupport::random_motion(30.0, 1e3, 2);
+// Gradient with an axis of other length and reversed sense, and an axis point
+// far along it; the canonical form has the axis point nearest the origin.
+TEST(CylinderModel, GradientAndCanonicalForm) {
     const giPoint3coDynArr pts =
-        testsupport::transformed(pose, testsupport::cylinder_points(50, 7.0, 15.0, 120.0, 1e-3, 1));
-    tsProjectedCircles circles(pts, nullptr);
+        testsupport::transformed(testsupport::random_motion(30.0, 1e3, 2),
+                                 testsupport::cylinder_points(50, 7.0, 15.0, 120.0, 1e-3, 1));
     tsLeastSquareCylinder model(pts);
-    // An axis of other length and reversed sense, and an axis point far along it.
     testsupport::expect_gradient_matches(model, {0.3, -0.2, 40.0, 0.1, 0.05, -2.0, 4.1}, 1e-6);
     mlVector p = {1.0, 2.0, 3.0, 0.0, 0.0, 5.0, 2.0};
     model.normalize_parameters(p);
     EXPECT_TRUE(p[2] == 0.0 && p[5] == 1.0 && p[6] == 2.0);
-    // Sum of squares and largest |d| of the cylinder (centre, u, r).
-    const auto measure = [&](const giPoint3& centre, const giUnitVec3& u, double r) {
-        model.set_parameters({centre.x(), centre.y(), centre.z(), u.x(), u.y(), u.z(), r});
-        double d = 0.0, sum = 0.0, worst = 0.0;
-        for (int i = 0; i < pts.size(); ++i) {
-            model.get_distance(d, i);
-            sum += d * d;
-            worst = std::fmax(worst, std::fabs(d));
-        }
-        return std::make_pair(sum, worst);
-    };
-    const giUnitVec3 axes[] = {giUnitVec3(pose * giVector3(0, 0, 1)),
-                               giUnitVec3(pose * giVector3(0.05, 0, 1)), giUnitVec3(0.1, 0.2, 1),
-                               giUnitVec3(1, 1, 0), giUnitVec3(1, 0, 0)};
-    for (int k = 0; k < 5; ++k) {
-        SCOPED_TRACE(k);
-        tsProjectedCircle c;
-        Cylinder plane;  // evaluate_circle2's centre, radius and error
-        ASSERT_TRUE(circles.fit(axes[k], c, true));
-        ASSERT_EQ(tsLeastSquareEvaluator::evaluate_circle2(giPoint3(0, 0, 0), axes[k], pts,
-                                                           plane.point, plane.radius, plane.rms),
-                  1);
-        const auto [sum, worst] = measure(c.centre, axes[k], c.radius);
-        EXPECT_NEAR(c.sum_squares, sum, 1e-9 * sum);
-        EXPECT_NEAR(c.max_residual, worst, 1e-9 * worst);
-        EXPECT_LE(c.sum_squares, measure(plane.point, axes[k], plane.radius).first * (1 + 1e-12));
-        if (k < 2) {
-            EXPECT_LT(distance(c.centre, plane.point), 1e-7 * plane.radius);
-            EXPECT_NEAR(c.radius, plane.radius, 1e-7 * plane.radius);
-        }
-    }
-    // Refusals: an axis without direction, two points, points that all
-    // project onto one spot (on a line along the axis).
-    tsProjectedCircle c;
-    EXPECT_FALSE(circles.fit(giVector3(0, 0, 0), c));
-    giPoint3coDynArr two, along;
-    two.append(giPoint3(1, 0, 0));
-    two.append(giPoint3(0, 1, 0));
-    for (int i = 0; i < 5; ++i) along.append(giPoint3(1, 2, i));
-    EXPECT_FALSE(tsProjectedCircles(two, nullptr).fit(giVector3(0, 0, 1), c));
-    EXPECT_FALSE(tsProjectedCircles(along, nullptr).fit(giVector3(0, 0, 1), c));
 }
 
 struct TruthCase {
@@ -165,25 +120,21 @@ TEST_P(CylinderKnownTruth, NearTheTruthAndMovesWithThePoints) {
 
 INSTANTIATE_TEST_SUITE_P(Cylinder, CylinderKnownTruth,
                          ::testing::Values(TruthCase{"full", 10.0, 25.0, 360.0, 1e-3, 0.0, 60},
-                                           TruthCase{"sector90", 20.0, 30.0, 90.0, 1e-3, 1e3, 80},
                                            TruthCase{"sector60", 50.0, 60.0, 60.0, 1e-3, 1e3, 120},
-                                           TruthCase{"short", 30.0, 12.0, 360.0, 1e-3, 1e3, 80},
                                            TruthCase{"small", 0.5, 3.0, 200.0, 1e-4, 1e5, 50},
                                            TruthCase{"large", 500.0, 300.0, 120.0, 1e-2, 1e5, 100},
                                            TruthCase{"few", 8.0, 10.0, 300.0, 1e-3, 0.0, 8}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// Normals all outward (boss) or inward (bore) keep the fit, mixed ones or a
-// far nominal axis fail; probe radius 0 is the plain fit, balls of 1.5 shift
-// the radius by 1.5. Close additions are one solver run from the previous
-// cylinder, a far one the full search unless n_added < 0 forces the run.
+// Normals all outward (boss) or inward (bore) keep the fit; probe radius 0 is the plain fit, balls
+// of 1.5 shift the radius by 1.5. Close additions are one solver run from the previous cylinder, a
+// far one the full search unless n_added < 0 forces the run.
 TEST(CylinderVariants, NormalsProbesAndUpdates) {
-    giUnitVec3coDynArr outward, inward, mixed;
+    giUnitVec3coDynArr outward, inward;
     const giPoint3coDynArr pts =
         testsupport::cylinder_points(40, 6.0, 20.0, 270.0, 1e-3, 21, &outward);
     for (int i = 0; i < outward.size(); ++i) {
         inward.append(-outward[i]);
-        mixed.append(i % 2 ? outward[i] : inward[i]);
     }
     Cylinder plain, boss, bore, as_zero, shaft, probed_bore;
     ASSERT_EQ(fit(pts, plain), 1);
@@ -191,16 +142,7 @@ TEST(CylinderVariants, NormalsProbesAndUpdates) {
     ASSERT_EQ(fit(pts, bore, inward), 1);
     expect_same(boss, plain, 1e-9, 1e-9);
     expect_same(bore, plain, 1e-9, 1e-9);
-    mlVector p = {plain.point.x(), plain.point.y(), plain.point.z(), -plain.axis.x(),
-                  -plain.axis.y(), -plain.axis.z(), plain.radius};
-    const auto in_limit = [&](const giUnitVec3& nominal, const giUnitVec3coDynArr& normals) {
-        return tsLeastSquareCylinder::are_normals_in_limit(pts, giAngle(1, 10.0), nominal, normals,
-                                                           p);
-    };
-    const giUnitVec3 z(0, 0, 1);
-    EXPECT_EQ(in_limit(z, outward) + in_limit(z, inward), 2);
-    EXPECT_EQ(in_limit(z, mixed) + in_limit(giUnitVec3(0, 1, 1), kNoNormals), 0);
-
+    mlVector p;
     const doublecoDynArr balls = filled(pts.size(), 1.5);
     ASSERT_EQ(fit_probed(pts, filled(pts.size(), 0.0), 0, as_zero), 1);
     ASSERT_EQ(fit_probed(pts, balls, 0, shaft), 1);
@@ -264,23 +206,6 @@ TEST(CylinderMultiple, FindsBothCylindersThroughFivePoints) {
               2);
 }
 
-// The initial direction: exact for six points on two rings; near the axis for
-// probed points.
-TEST(CylinderStart, InitialDirections) {
-    giPoint3coDynArr pts;
-    const giXform3 pose = testsupport::random_motion(50.0, 100.0, 61);
-    for (int i = 0; i < 6; ++i) {
-        const double phi = 2.0 * testsupport::kPi * (i % 3) / 3.0 + (i / 3) * 0.4;
-        pts.append(pose * giPoint3(7.0 * std::cos(phi), 7.0 * std::sin(phi), (i / 3) * 9.0));
-    }
-    giVector3 direction, probed;
-    ASSERT_EQ(tsCylinder_InitialSolution(pts, direction), 1);
-    EXPECT_LT(axis_angle(direction, pose * giVector3(0, 0, 1)), 1e-12);
-    const giPoint3coDynArr sector = testsupport::cylinder_points(50, 15.0, 30.0, 180.0, 1e-3, 71);
-    ASSERT_EQ(tsCylinder_InitialSolutionProbed(sector, filled(50, 1.5), 1, probed), 1);
-    EXPECT_LT(axis_angle(probed, giVector3(0, 0, 1)), 0.1);
-}
-
 // Too few, NaN or infinite points, normals or probe radii not one per point
 // are refused with 0 and nothing written; points all equal or on one line do
 // not crash and any answer given is finite.
@@ -313,27 +238,23 @@ TEST(CylinderRefusal, RefusesBadInputAndWritesNothing) {
     }
 }
 
-// The whole surface scores highest (plain about 0.69, probed about 1.0 by the
-// ratio of their divisors), falling with the sector; a shift changes nothing.
+// The whole surface scores highest (about 0.69), falling with the sector; a
+// shift changes nothing; two points score 0.
 TEST(CylinderDistribution, WholeSurfaceScoresHighestAndOriginDoesNotMatter) {
     using Quality = tsLeastSquareDistributionQuality;
     const giVector3 z(0, 0, 1), shift(3e3, -2e3, 5e3);
     const giPoint3 o(0, 0, 0);
     double last = DBL_MAX;
-    for (const double sector : {360.0, 180.0, 90.0, 30.0}) {
+    for (const double sector : {360.0, 90.0}) {
         SCOPED_TRACE(sector);
         const giPoint3coDynArr pts = testsupport::cylinder_points(400, 10.0, 20.0, sector, 0, 91);
         const giPoint3coDynArr far = testsupport::transformed(giXform3::translation(shift), pts);
         const double q = Quality::distribution_quality_cylinder(pts, o, z, 10.0);
-        const double probed = Quality::distribution_quality_probed_cylinder(
-            pts, filled(pts.size(), 0.5), 1, o, z, 10.0);
         EXPECT_LT(q, last);
         last = q;
         EXPECT_NEAR(Quality::distribution_quality_cylinder(far, o + shift, z, 10.0), q, 1e-9);
-        EXPECT_NEAR(probed, q * 0.26 / 0.177, 1e-12);
         if (sector == 360.0) {
             EXPECT_NEAR(q, 0.69, 0.05);
-            EXPECT_NEAR(probed, 1.0, 0.05);
         }
     }
     EXPECT_EQ(

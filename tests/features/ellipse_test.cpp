@@ -53,15 +53,14 @@ void expect_same3(const giPoint3& c, const giUnitVec3& m, double a, double b, co
 }
 
 // A point d along the outward normal from a known foot (inside: nearer than
-// the centre of curvature) gives back d and that foot: near the curve, far
-// away, near the centre, a = b, swapped axes, close to the evolute's cusp,
+// the centre of curvature) gives back d and that foot: far away, near the
+// centre, a = b, swapped axes, close to the evolute's cusp,
 // and (d = 0 in the table) where the normal meets the major axis.
 TEST(EllipseModel, FootPointsExactAndGradientsMatchDifferences) {
     const struct {
         double a, b, phi, d;
-    } feet[] = {{5, 3, 0.3, 0.1},  {5, 3, 2.0, -0.5},    {5, 3, 1.2, 1e6},     {4, 4, 0.7, -2},
-                {4, 4, 0.7, -3.9}, {10, 1, 0.02, -0.09}, {10, 1, kPi / 2, -1}, {10, 1, 3.0, 1e-9},
-                {3, 7, -1.0, 0.5}, {10, 1, 0.3, -0.2},   {10, 1, 0.5, 0.0}};
+    } feet[] = {{5, 3, 1.2, 1e6},     {4, 4, 0.7, -3.9}, {10, 1, 0.02, -0.09},
+                {10, 1, kPi / 2, -1}, {3, 7, -1.0, 0.5}, {10, 1, 0.5, 0.0}};
     for (const auto& k : feet) {
         SCOPED_TRACE(testing::Message() << k.a << " " << k.b << " " << k.phi << " " << k.d);
         const double fx = k.a * std::cos(k.phi), fy = k.b * std::sin(k.phi);
@@ -78,8 +77,7 @@ TEST(EllipseModel, FootPointsExactAndGradientsMatchDifferences) {
     pts.append(giPoint2(40, -25));
     tsLeastSquareEllipse2 model(pts);
     // Canonical, near-circular, and two vectors normalisation must turn round.
-    for (const mlVector& p : {mlVector{1, -0.5, 5, 1.2, -0.7}, mlVector{0.9, -0.4, 5, 1e-5, 2e-5},
-                              mlVector{1, -0.5, 1, 2, 1.5}, mlVector{1, -0.6, -5, 0.4, -1.0}})
+    for (const mlVector& p : {mlVector{0.9, -0.4, 5, 1e-5, 2e-5}, mlVector{1, -0.6, -5, 0.4, -1.0}})
         testsupport::expect_gradient_matches(model, p, 1e-6);
 }
 
@@ -91,10 +89,9 @@ TEST(EllipseFit, AllFitsReproduceExactEllipses) {
     const struct {
         int n;
         double ratio, arc, angle;
-    } cases[] = {{40, 1.0, 360, 0.4}, {40, 1.0001, 360, 1.1}, {40, 1.01, 90, 0.4},
-                 {5, 1.5, 250, 2.5},  {40, 10, 90, 2.4},      {5, 10, 360, 3.0}};
+    } cases[] = {{40, 1.0, 360, 0.4}, {40, 1.01, 90, 0.4}, {5, 1.5, 250, 2.5}, {40, 10, 90, 2.4}};
     for (const auto& k : cases) {
-        for (const double offset : {0.0, 1e3, 1e5}) {
+        for (const double offset : {0.0, 1e5}) {
             SCOPED_TRACE(testing::Message() << k.n << " " << k.ratio << " " << offset);
             const double a = 8, b = a / k.ratio, tol = 1e-9 * a + 1e-13 * offset;
             const double angle_tol = k.ratio > 1 ? tol / (a - b) : kPi;  // a circle: any angle
@@ -137,9 +134,7 @@ TEST(EllipseFit, AllFitsReproduceExactEllipses) {
 // Gauss-Newton over the ellipse and every foot parameter); fits move with the
 // points and repeat bit for bit.
 TEST(EllipseFit, NoisyFitIsTheLeastSquaresSolutionInAnyPose) {
-    const struct {
-        double ratio, arc, angle;
-    } cases[] = {{1.01, 360, 0.5}, {2, 180, 2.2}, {3, 90, 1.0}, {10, 120, 0.3}};
+    const struct { double ratio, arc, angle; } cases[] = {{1.01, 360, 0.5}, {10, 120, 0.3}};
     for (const auto& k : cases) {
         SCOPED_TRACE(testing::Message() << k.ratio << " " << k.arc);
         const double a = 12, tol = 1e-8 * a;
@@ -172,7 +167,8 @@ TEST(EllipseFit, NoisyFitIsTheLeastSquaresSolutionInAnyPose) {
         // Turned, scaled by 2 and moved: the fits move with the points (the
         // direct fit's constraint is independent of the frame too).
         const Fit d = direct(pts);
-        for (const double offset : {1e3, 1e5}) {
+        {
+            const double offset = 1e5;
             const auto move = [&](const giPoint2& q) {
                 return giPoint2(1.2 * q.x() - 1.6 * q.y() + 0.6 * offset,
                                 1.6 * q.x() + 1.2 * q.y() - 0.8 * offset);

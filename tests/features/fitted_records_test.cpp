@@ -43,7 +43,7 @@ TEST(FittedRecords, InvalidFlagsEachUnusableField) {
 TEST(FittedRecords, CylinderCoincidenceIsRadialAndOneSided) {
     const double tol = 0.01, r = 5.0, len = 1e3;
     const giAngle atol = deg(1);
-    for (const double offset : {0.0, 1e3, 1e5}) {
+    for (const double offset : {0.0, 1e5}) {
         const giXform3 m = testsupport::random_motion(37, offset, 11);
         const giPoint3 c = m * giPoint3(0, 0, 0);
         const giUnitVec3 u = m * giUnitVec3(0, 0, 1), across = m * giUnitVec3(1, 0, 0);

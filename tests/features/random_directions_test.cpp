@@ -58,7 +58,7 @@ TEST(RandomDirections, FreshGeneratorReplaysTheSeededStream) {
 // its share of the area, not of the angle.
 TEST(RandomDirections, CapDrawsAreUniformInAreaWithinTheCap) {
     testsupport::Rng rng(5);
-    for (const double a : {5.0, 30.0, 90.0, 150.0}) {
+    for (const double a : {5.0, 150.0}) {
         const giUnitVec3 c(rng.normal(), rng.normal(), rng.normal());
         tsRandDirGenerator g(1000, c, deg(a), 0.9);
         const int n = 4000;

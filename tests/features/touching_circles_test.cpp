@@ -25,8 +25,8 @@ int solve2(const Circle2& a, const Circle2& b, const Circle2& c, int enclosing, 
 // radius 2 + r (enclosing) and 2 - r (outside).
 TEST(TouchingCircles, EquilateralCornersGiveTheConcentricCircles) {
     const giPoint2 m(3.5, -1.25);
-    for (const double r : {0.25, 1.0, 1.5})
-        for (const double phi : {0.0, 0.7, 2.0}) {
+    for (const double r : {0.25, 1.5})
+        for (const double phi : {0.0, 2.0}) {
             Circle2 k[3];
             for (int i = 0; i < 3; ++i) {
                 const double t = phi + 2 * testsupport::kPi * i / 3;
@@ -102,7 +102,7 @@ TEST(TouchingCircles, DegenerateInputIsRefused) {
 // (|C - Ck| = R - sigma rk, 1e-9 of R); most have one of each sense.
 TEST(TouchingCircles, RandomConfigurationsAreTangentInTheRequestedSense) {
     testsupport::Rng rng(20240607);
-    const int trials = 400;
+    const int trials = 200;
     for (const int enclosing : {1, 0}) {
         const double sigma = enclosing ? 1.0 : -1.0;
         int found2 = 0, found3 = 0;

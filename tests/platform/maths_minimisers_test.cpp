@@ -10,7 +10,6 @@
 #include "metrofit/platform/maths/constrained_quadratic.h"
 #include "metrofit/platform/maths/down_hill_simplex.h"
 #include "metrofit/platform/maths/function.h"
-#include "metrofit/platform/maths/svd.h"
 #include "tests/support/random.h"
 
 namespace {
@@ -74,9 +73,8 @@ std::function<double(const mlSlice&)> chebyshev(int k) {
 
 TEST(DownHillSimplex, ReachesKnownMinimaRepeatably) {
     const auto precise = mlDownHillSimplexPrecise;
-    Vec c1, c4, c6, c6f;
-    const auto b1 = bowl(1, 8, c1, 0.0), b4 = bowl(4, 11, c4, 0.0), b6 = bowl(6, 13, c6, 0.0);
-    const auto b6f = bowl(6, 13, c6f, 3.0);
+    Vec c4, c6;
+    const auto b4 = bowl(4, 11, c4, 0.0), b6 = bowl(6, 13, c6, 0.0);
     const auto rosenbrock = [](const mlSlice& x) {
         return 100 * std::pow(x[1] - x[0] * x[0], 2) + std::pow(1 - x[0], 2);
     };
@@ -93,19 +91,13 @@ TEST(DownHillSimplex, ReachesKnownMinimaRepeatably) {
         double tolerance;  // in the parameters
         mlDownHillSimplexSpeed speed;
     } cases[] = {
-        // A zero minimum is found to a few ulps of the centre (|c| < 2); a
-        // non-zero one only to about sqrt(eps * floor / curvature).
-        {"bowl 1", b1, Vec(1), c1, 1e-13, precise},
-        {"bowl 4", b4, Vec(4), c4, 1e-13, precise},
+        // A zero minimum is found to a few ulps of the centre (|c| < 2).
         {"bowl 6", b6, Vec(6), c6, 1e-13, precise},
-        {"bowl 6 floor 3", b6f, Vec(6), c6f, 1e-6, precise},
-        {"bowl 4 standard", b4, Vec(4), c4, 1e-8, mlDownHillSimplexStandard},
         {"bowl 4 quick", b4, Vec(4), c4, 1e-5, mlDownHillSimplexQuick},
         {"rosenbrock", rosenbrock, {-1.2, 1.0}, {1.0, 1.0}, 1e-12, precise},
         {"max", box, {0.0, 0.0}, {1.0, -2.0}, 1e-12, precise},  // the kinks meet at the minimum
         // Minimax polynomials of degree k - 1 for t^k on t = cos(i pi / 12):
         // t^k - T_k(t) / 2^(k-1), the error equioscillating on grid points.
-        {"cubic", chebyshev(3), {0, 0, 0}, {0, 0.75, 0}, 1e-9, precise},
         {"quartic", chebyshev(4), {0, 0, 0, 0}, {-0.125, 0, 1, 0}, 1e-9, precise},
         // Six parameters: each restart gains; without them the error is ~1.
         {"sextic", chebyshev(6), Vec(6), {1.0 / 32, 0, -0.5625, 0, 1.5, 0}, 1e-3, precise},
@@ -132,38 +124,33 @@ TEST(DownHillSimplex, ReachesKnownMinimaRepeatably) {
 TEST(DownHillSimplex, DegenerateInputAndUnboundedObjectivesEndPromptly) {
     FunctionN unbounded([](const mlSlice& x) { return x[0] - x[1]; });
     FunctionN undefined([](const mlSlice&) { return NAN; });
-    mlDownHillSimplex simplex(2), none(0);
+    mlDownHillSimplex simplex(2);
     for (FunctionN* f : {&unbounded, &undefined}) {
         simplex.solve(*f, mlVector{0.0, 0.0}, mlDownHillSimplexPrecise);
         EXPECT_LE(f->calls, 17 * 1000 * 3 + 1);  // 1000 (n + 1) per run, 16 restarts
     }
-    EXPECT_EQ(simplex.solve(undefined, mlVector{0.0, 0.0}, mlDownHillSimplexQuick), HUGE_VAL);
     // Wrong size: DBL_MAX without an evaluation, the start back.
     unbounded.calls = 0;
     EXPECT_EQ(simplex.solve(unbounded, mlVector{1.0, 2.0, 3.0}, mlDownHillSimplexPrecise), DBL_MAX);
-    mlVector back, empty{1.0};
+    mlVector back;
     simplex.result(back);
     EXPECT_EQ(max_abs_difference(back, {1.0, 2.0, 3.0}), 0.0);
     EXPECT_EQ(unbounded.calls, 0);
-    // Non-finite start, or no variables: one evaluation at the start.
+    // Non-finite start: one evaluation at the start.
     EXPECT_TRUE(std::isnan(simplex.solve(unbounded, mlVector{NAN, 0.0}, mlDownHillSimplexQuick)));
     EXPECT_EQ(unbounded.calls, 1);
-    FunctionN constant([](const mlSlice& x) { return 4.0 + x.size(); });
-    EXPECT_EQ(none.solve(constant, mlVector(), mlDownHillSimplexPrecise), 4.0);
-    none.result(empty);
-    EXPECT_EQ(empty.size(), 0);
 }
 
-TEST(BrentMinimumSearch, FindsKnownMinimaInsideTheBracket) {
-    const auto parabola = [](double x) { return std::pow(x - 0.3, 2) + 1; };
+// Known minima inside the bracket; the iteration limit bounds the evaluations, and
+// bad brackets or limits give f(b) at b.
+TEST(BrentMinimumSearch, KnownMinimaIterationLimitAndBadBrackets) {
     const auto cosine = [](double x) { return std::cos(x); };
     const struct {
         std::function<double(double)> f;
         double a, b, c, minimum, value;
     } cases[] = {
-        {parabola, 0.0, 0.5, 1.0, 0.3, 1.0},
+        {[](double x) { return std::pow(x - 0.3, 2) + 1; }, 0.0, 0.5, 1.0, 0.3, 1.0},
         {cosine, 2.0, 3.0, 4.0, kPi, -1.0},
-        {cosine, 4.0, 3.0, 2.0, kPi, -1.0},  // reversed ends
         {[](double x) { return std::fabs(x - 0.7); }, 0.0, 0.5, 1.0, 0.7, 0.0},
         // Undefined beyond 0.6: the search must come back.
         {[](double x) { return x > 0.6 ? NAN : std::pow(x - 0.55, 2); }, 0.0, 0.2, 1.0, 0.55, 0.0},
@@ -175,20 +162,9 @@ TEST(BrentMinimumSearch, FindsKnownMinimaInsideTheBracket) {
         EXPECT_NEAR(value, k.value, 1e-8);
         EXPECT_EQ(value, k.f(x));
     }
-    // Five iterations, as the line search allows, pin a smooth minimum through
-    // parabolic steps (golden sections alone would leave a bracket of 0.09).
-    double x = 0.0;
-    ml_brent_minimum_search(Function1(parabola), 0.0, 0.5, 1.0, 1e-5, 5, &x);
-    EXPECT_NEAR(x, 0.3, 1e-12);
-}
-
-TEST(BrentMinimumSearch, IterationLimitBadBracketsAndEndMinima) {
     Function1 f([](double x) { return std::cos(x); });
-    for (int limit : {0, 1, 2, 5, 20}) {
-        f.calls = 0;
-        ml_brent_minimum_search(f, 2.0, 3.0, 4.0, 0.0, limit, nullptr);
-        EXPECT_LE(f.calls, limit + 3);
-    }
+    ml_brent_minimum_search(f, 2.0, 3.0, 4.0, 0.0, 2, nullptr);
+    EXPECT_LE(f.calls, 2 + 3);  // the iteration limit bounds the evaluations
     // A bad bracket or limit gives f(b) at b, whatever was preset; f(b) not
     // below the ends gives the better end, so a preset end is never replaced
     // by a worse point.
@@ -198,9 +174,9 @@ TEST(BrentMinimumSearch, IterationLimitBadBracketsAndEndMinima) {
         double a, b, c;
         int limit;
         double x;
-    } cases[] = {{f, 2, 5, 4, 5, 5},  {f, 2, 3, INFINITY, 5, 3}, {f, NAN, 3, 4, 5, 3},
-                 {f, 2, 3, 4, -1, 3}, {up, 0, 0.25, 1, 5, 0},    {down, 0, 0.25, 1, 5, 1}};
-    for (const auto& k : cases) {
+    } bad[] = {{f, 2, 5, 4, 5, 5},   {f, 2, 3, INFINITY, 5, 3}, {f, 2, 3, 4, -1, 3},
+               {f, NAN, 3, 4, 5, 3}, {up, 0, 0.25, 1, 5, 0},    {down, 0, 0.25, 1, 5, 1}};
+    for (const auto& k : bad) {
         double x = 0.5;
         EXPECT_EQ(ml_brent_minimum_search(k.f, k.a, k.b, k.c, 1e-5, k.limit, &x),
                   k.f.function(k.x));
@@ -208,76 +184,11 @@ TEST(BrentMinimumSearch, IterationLimitBadBracketsAndEndMinima) {
     }
 }
 
-TEST(FunctionDefaults, DifferencesMatchKnownDerivatives) {
-    const struct {
-        std::function<double(double)> f;
-        double x, d1, d2;
-    } cases[] = {
-        {[](double x) { return std::sin(x); }, 0.7, std::cos(0.7), -std::sin(0.7)},
-        {[](double x) { return x * x * x; }, -2.0, 12.0, -12.0},
-        {[](double x) { return std::log(x); }, 1e4, 1e-4, -1e-8},  // step scales with x
-        {[](double x) { return std::exp(x); }, 0.0, 1.0, 1.0},
-    };
-    for (const auto& c : cases) {
-        const Function1 f(c.f);
-        EXPECT_EQ(f.function_derivative(0, c.x), c.f(c.x));
-        EXPECT_NEAR(f.function_derivative(1, c.x), c.d1, 1e-9 * std::fabs(c.d1));
-        EXPECT_NEAR(f.function_derivative(2, c.x), c.d2, 1e-6 * std::fabs(c.d2));
-        EXPECT_TRUE(f.function_derivative(3, c.x) == 0.0 && f.function_derivative(-1, c.x) == 0.0);
-    }
-    // x0^2 x1 + sin x2 + exp(x0 x2) at (0.5, -1.5, 2).
-    FunctionN g([](const mlSlice& x) {
-        return x[0] * x[0] * x[1] + std::sin(x[2]) + std::exp(x[0] * x[2]);
-    });
-    const double a = 0.5, b = -1.5, c = 2.0, e = std::exp(a * c);
-    const double hess[3][3] = {{2 * b + c * c * e, 2 * a, e + a * c * e},
-                               {2 * a, 0.0, 0.0},
-                               {e + a * c * e, 0.0, -std::sin(c) + a * a * e}};
-    mlVector at{a, b, c}, gradient;
-    mlMatrix hessian;
-    g.gradient(at.as_slice(), gradient);
-    g.hessian(at.as_slice(), hessian);
-    EXPECT_LT(max_abs_difference(gradient, {2 * a * b + c * e, a * a, std::cos(c) + a * e}), 1e-9);
-    ASSERT_EQ(hessian.rows() * hessian.cols(), 9);
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) {
-            EXPECT_NEAR(hessian(i, j), hess[i][j], 1e-5);
-            EXPECT_EQ(hessian(i, j), hessian(j, i));
-        }
-}
-
 // ---- constrained quadratic -------------------------------------------------
 
 mlMatrix matrix(int rows, int cols, std::initializer_list<double> values) {
     const Vec v(values);
     return mlMatrix(utConvert, v.data(), rows, cols);
-}
-
-// Optimality of x for 1/2 x^T M x - V^T x under C x <= d, checked without the
-// minimiser: every row met, the multipliers of the reported active rows
-// (least squares through the SVD) non-negative and balancing the gradient.
-void expect_kkt(const mlMatrix& M, const mlVector& V, const mlMatrix& C, const mlVector& d,
-                const mlVector& x, const intcoDynArr& active, const std::string& label) {
-    const int n = x.size();
-    mlVector g, lambda, back;
-    multiply(M, x, g);
-    g -= V;
-    double scale = 1.0;
-    for (int i = 0; i < n; ++i) scale = std::max(scale, std::fabs(V[i]) + std::fabs(g[i]));
-    for (int i = 0; i < C.rows(); ++i)
-        EXPECT_LE(scalar_product(C.row(i), x.as_slice()), d[i] + 1e-9) << label << " row " << i;
-    mlMatrix at(mlMatrixZero, n, active.size());
-    for (int j = 0; j < active.size(); ++j) {
-        EXPECT_NEAR(scalar_product(C.row(active[j]), x.as_slice()), d[active[j]], 1e-9) << label;
-        for (int i = 0; i < n; ++i) at(i, j) = -C(active[j], i);
-    }
-    if (active.size() > 0) {
-        ASSERT_TRUE(mlSingularValueDecomposition(at).solve(g, lambda, 1e-12)) << label;
-        for (int j = 0; j < lambda.size(); ++j) EXPECT_GE(lambda[j], -1e-9 * scale) << label;
-        multiply(at, lambda, back);
-        g -= back;
-    }
-    EXPECT_LT(g.norm(), 1e-9 * scale) << label;  // stationary
 }
 
 TEST(ConstrainedQuadratic, KnownActiveSetsAndSingularM) {
@@ -291,16 +202,13 @@ TEST(ConstrainedQuadratic, KnownActiveSetsAndSingularM) {
         std::vector<int> active;
     };
     const mlMatrix I2(mlMatrixIdentity, 2), flat = matrix(2, 2, {1, 0, 0, 0}), none;
-    const mlMatrix x_le = matrix(1, 2, {1, 0}), sum_le = matrix(1, 2, {1, 1});
+    const mlMatrix sum_le = matrix(1, 2, {1, 1});
     const mlMatrix both = matrix(3, 2, {1, 0, 0, 1, 1, 1});
     const Case cases[] = {
-        {"one active", I2, {2, 2}, {0, 0}, x_le, {1}, {1, 2}, {0}},
         {"two active", I2, {2, 2}, {0, 0}, both, {1, 0.5, 5}, {1, 0.5}, {0, 1}},
         {"none active", matrix(2, 2, {2, 1, 1, 3}), {1, 4}, {0, 0}, sum_le, {10}, {-.2, 1.4}, {}},
-        {"oblique", I2, {2, 2}, {0, 0}, sum_le, {1}, {0.5, 0.5}, {0}},
         // Singular M: the direction it does not see does not move.
         {"flat free", flat, {2, 0}, {0, 0.3}, none, {}, {2, 0.3}, {}},
-        {"flat bounded", flat, {2, 0}, {0, 0}, x_le, {1}, {1, 0}, {0}},
         // Minimisers x = 2, y <= -1: the one nearest the start is (2, -1).
         {"flat pushed", flat, {2, 0}, {0, 0}, sum_le, {1}, {2, -1}, {0}},
         // Below the 1e-7 relative cut a direction counts as unseen.
@@ -313,71 +221,14 @@ TEST(ConstrainedQuadratic, KnownActiveSetsAndSingularM) {
         EXPECT_LT(max_abs_difference(x, c.expected), 1e-12) << c.name;
         const intcoDynArr& active = qp.active_constraints();
         EXPECT_EQ(std::vector<int>(active.begin(), active.end()), c.active) << c.name;
-        if (c.name != "nearly flat")  // V is outside the range of M there
-            expect_kkt(c.M, c.V, c.C, c.d, x, active, c.name);
     }
 }
 
-TEST(ConstrainedQuadratic, RandomNormalEquationsMeetOptimalityAndMatchPseudoInverse) {
-    testsupport::Rng rng(2024);
-    for (int trial = 0; trial < 24; ++trial) {
-        const int n = 1 + trial % 6, m = trial < 20 ? 3 * trial : 2000;
-        const int rank = std::max(1, n - trial % 3);
-        // M = A^T A with A of the given rank, V = A^T b: a least-squares problem.
-        mlMatrix A(mlMatrixZero, 3 * n, n), C(mlMatrixZero, m, n);
-        mlVector b, d, V, x(mlVectorZero, n), y = x;
-        for (int i = 0; i < 3 * n; ++i) {
-            for (int j = 0; j < rank; ++j) A(i, j) = rng.uniform(-1, 1);
-            for (int j = rank; j < n; ++j) A(i, j) = A(i, j - rank) - 0.5 * A(i, 0);
-            b.append(rng.normal(3.0));
-        }
-        const mlMatrix At(mlMatrixTranspose, A), M(mlMatrixProduct, At, A);
-        multiply(At, b, V);
-        // Rows met by the origin, by margins from 0 (a degenerate start) to 1.
-        for (int i = 0; i < m; ++i) {
-            for (int j = 0; j < n; ++j) C(i, j) = rng.normal();
-            d.append(m < 100 && i % 4 == 0 ? 0.0 : rng.uniform(0, 1));
-        }
-        const std::string label = "trial " + std::to_string(trial);
-        mlConstrainedQuadraticMinimiser qp(C, d, 0);
-        ASSERT_EQ(qp.solve(M, V, x), 1) << label;
-        expect_kkt(M, V, C, d, x, qp.active_constraints(), label);
-        ASSERT_EQ(qp.solve(M, V, y), 1) << label;
-        for (int i = 0; i < n; ++i) EXPECT_EQ(x[i], y[i]) << label;  // repeatable
-        if (m == 0) {  // the pseudo-inverse solution with the same cut
-            ASSERT_TRUE(mlSingularValueDecomposition(M).solve(V, y, 1e-7));
-            EXPECT_LT(max_abs_difference(x, Vec(y.begin(), y.end())), 1e-9) << label;
-        }
-    }
-}
-
-TEST(ConstrainedQuadratic, ConflictingRowsAreReportedAndResolvedOnlyWhenAllowed) {
-    // x <= 0 (row 0), y <= 5 (row 1), x >= 1 (row 2): rows 0 and 2 conflict.
-    const mlMatrix C = matrix(3, 2, {1, 0, 0, 1, -1, 0}), M(mlMatrixIdentity, 2);
-    const mlVector d{0, 5, -1}, V{3, 7};
-    for (int resolve : {0, 1}) {
-        mlConstrainedQuadraticMinimiser qp(C, d, resolve), fresh(C, d, resolve);
-        mlVector x{0.0, 1.0}, z{0.0, 0.0};
-        EXPECT_EQ(qp.stage1(x), 0);
-        EXPECT_LT(max_abs_difference(x, {0.5, 1.0}), 1e-15);  // least violation, y kept
-        const intcoDynArr& over = qp.overdetermined_constraints();
-        EXPECT_EQ(std::vector<int>(over.begin(), over.end()), std::vector<int>({0, 2}));
-        qp.delete_overdetermined_constraints();
-        // Resolved: only y <= 5 is left. Refused: x untouched.
-        EXPECT_EQ(qp.stage2(M, V, x), resolve);
-        EXPECT_LT(max_abs_difference(x, resolve ? Vec{3, 5} : Vec{0.5, 1.0}), 1e-12);
-        EXPECT_EQ(fresh.solve(M, V, z), resolve);
-        EXPECT_EQ(fresh.overdetermined_constraints().size(), 2);
-    }
-}
-
-TEST(ConstrainedQuadratic, RefusesBadInputAndMergesIndices) {
+TEST(ConstrainedQuadratic, RefusesBadInput) {
     using Qp = mlConstrainedQuadraticMinimiser;
     const mlMatrix C = matrix(2, 2, {1, 0, 0, 1}), I2(mlMatrixIdentity, 2);
     EXPECT_EQ(Qp::are_valid(C, {1, 1}), 1);
-    EXPECT_EQ(Qp::are_valid(mlMatrix(), mlVector()), 1);
     EXPECT_EQ(Qp::are_valid(C, {1}), 0);
-    EXPECT_EQ(Qp::are_valid(matrix(1, 2, {NAN, 0}), {1}), 0);
     EXPECT_EQ(Qp::are_valid(C, {1, INFINITY}), 0);
     EXPECT_EQ(Qp::are_valid(mlMatrix(mlMatrixZero, 2, 0), {1, 1}), 0);
 
@@ -395,23 +246,8 @@ TEST(ConstrainedQuadratic, RefusesBadInputAndMergesIndices) {
         EXPECT_EQ(qp.stage2(k.M, k.V, x), 0);
         EXPECT_EQ(max_abs_difference(x, Vec(k.x.begin(), k.x.end())), 0.0);
     }
-    mlVector wrong{0, 0, 0}, inside{-3, 0.5};
+    mlVector wrong{0, 0, 0};
     EXPECT_EQ(qp.stage1(wrong), 0);
-    EXPECT_EQ(qp.overdetermined_constraints().size(), 0);
-    EXPECT_EQ(qp.stage1(inside), 1);  // already feasible: not moved
-    EXPECT_EQ(inside[0], -3.0);
-
-    const std::vector<int> merges[][3] = {{{1, 4, 7}, {0, 4, 9}, {0, 1, 4, 7, 9}},
-                                          {{}, {2, 3}, {2, 3}},
-                                          {{5, 5, 2}, {}, {2, 5}},
-                                          {{8}, {8}, {8}}};
-    for (const auto& m : merges) {
-        intcoDynArr from, to;
-        for (int i : m[0]) from.append(i);
-        for (int i : m[1]) to.append(i);
-        Qp::append_constraint_indices(from, to);
-        EXPECT_EQ(std::vector<int>(to.begin(), to.end()), m[2]);
-    }
 }
 
 }  // namespace

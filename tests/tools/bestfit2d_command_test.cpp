@@ -1,5 +1,5 @@
 // The bestfit2d command: a known motion recovered from every kind of row,
-// the report, the locks, and bad profiles, rows and arguments.
+// and bad profiles, rows and arguments.
 #include "tools/metrofit/bestfit2d_command.h"
 
 #include <gtest/gtest.h>
@@ -100,28 +100,6 @@ TEST(Bestfit2dCommand, RecoversTheMotionFromEveryRowKind) {
         for (double d : json(o.out, "before")) worst = std::max(worst, std::fabs(d));
         EXPECT_GT(worst, 0.1);
     }
-}
-
-TEST(Bestfit2dCommand, HumanReportAndLocks) {
-    const std::string contour = temp_file("square.txt", kSquare);
-    const Outcome o = run({"--contour", contour, "-"}, points(2));
-    ASSERT_EQ(o.status, kExitOk) << o.err;
-    for (const char* word :
-         {"transform (measured -> nominal)", "before", "after", "rms", "max deviation"})
-        EXPECT_NE(o.out.find(word), std::string::npos) << word;
-    // The locked corner stays where it is.
-    const Outcome locked =
-        run({"--contour", contour, "-", "--lock-origin", "0,0", "--json"}, points(2));
-    ASSERT_EQ(locked.status, kExitOk) << locked.err;
-    const std::vector<double> t = json(locked.out, "transform");
-    ASSERT_EQ(t.size(), 9u);
-    EXPECT_NEAR(t[2], 0.0, 1e-12);
-    EXPECT_NEAR(t[5], 0.0, 1e-12);
-    // A locked axis leaves no turn.
-    const Outcome slid =
-        run({"--contour", contour, "-", "--lock-axis", "1,0", "--json"}, points(2));
-    ASSERT_EQ(slid.status, kExitOk) << slid.err;
-    EXPECT_NEAR(json(slid.out, "transform")[1], 0.0, 1e-15);
 }
 
 TEST(Bestfit2dCommand, RefusesBadInput) {

@@ -61,24 +61,6 @@ INSTANTIATE_TEST_SUITE_P(
                       BadLine{"1 nan 3", "not finite: 'nan'"}, BadLine{"-inf 1 2", "not finite"},
                       BadLine{"1e999 0 0", "out of range"}));
 
-TEST(ToolPointTable, CountsEveryLineInMessages) {
-    // The bad line is the 5th of the file: comments and blank lines count.
-    std::istringstream in("# points\n1 2 3\n\n4,5,6\n7 8\n9 9 9\n");
-    PointTable t;
-    std::string error;
-    EXPECT_FALSE(read_point_table(in, 3, "x y z", t, error));
-    EXPECT_EQ(error, "line 5: expected 3 numbers (x y z), found 2");
-    EXPECT_EQ(t.rows(), 2);  // the rows before it
-
-    std::istringstream extra("1 2 3 4\n");
-    EXPECT_FALSE(read_point_table(extra, 3, "x y z", t, error));
-    EXPECT_EQ(error, "line 1: expected 3 numbers (x y z), found 4");
-
-    std::istringstream word("1 2\n3 four\n");
-    EXPECT_FALSE(read_point_table(word, 2, "x y", t, error));
-    EXPECT_EQ(error, "line 2: not a number: 'four'");
-}
-
 TEST(ToolPointTable, KeepsRowsAndTheirLineNumbers) {
     // Windows line ends, a byte-order mark and a final line without newline.
     std::istringstream in("\xEF\xBB\xBF# x y\r\n1, 2\r\n\r\n# gap\r\n3\t4\r\n5 6");
@@ -93,22 +75,6 @@ TEST(ToolPointTable, KeepsRowsAndTheirLineNumbers) {
     std::istringstream empty("# nothing but comments\n\n");
     ASSERT_TRUE(read_point_table(empty, 3, "x y z", t, error));
     EXPECT_EQ(t.rows(), 0);
-}
-
-TEST(ToolPointTable, NumbersRoundTripExactly) {
-    // 17 significant digits give back the very doubles that were written.
-    const double values[] = {0.1, -1234567.8901234567, 6.02214076e23, 4.9e-324};
-    std::ostringstream text;
-    text.precision(17);
-    for (const double v : values) text << v << " " << -v << "\n";
-    std::istringstream in(text.str());
-    PointTable t;
-    std::string error;
-    ASSERT_TRUE(read_point_table(in, 2, "x y", t, error)) << error;
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(t.at(i, 0), values[i]);
-        EXPECT_EQ(t.at(i, 1), -values[i]);
-    }
 }
 
 }  // namespace

