@@ -18,8 +18,7 @@ class CountedPoint : public tsProbedPoint3 {
 TEST(TypedArrays, IndexedWritesGrowInWholeStepsWithInvalidDefaults) {
     tsProjectedPoint3coDynArr projected(0, 4);
     projected[10] = tsProjectedPoint3(giPoint3(1, 2, 3), giPoint3(1, 2, 3), giUnitVec3(0, 0, 1));
-    EXPECT_EQ(projected.capacity(), 12);
-    EXPECT_EQ(projected.size(), 11);
+    EXPECT_TRUE(projected.capacity() == 12 && projected.size() == 11);
     for (int i = 0; i < 10; ++i) EXPECT_EQ(projected[i].invalid(), 1);
     EXPECT_EQ(projected[10].invalid(), 0);
 }

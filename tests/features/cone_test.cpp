@@ -2,13 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cfloat>
 #include <cmath>
 
 #include "metrofit/features/probed_cone.h"
-#include "metrofit/frame/distribution_quality.h"
-#include "metrofit/platform/maths/least_squares.h"
-#include "tests/support/gradient_check.h"
 #include "tests/support/reference.h"
 #include "tests/support/sampling.h"
 
@@ -34,12 +30,6 @@ int fit_probed(const giPoint3coDynArr& pts, const doublecoDynArr& radii, int ins
                const giPoint3coDynArr& guess, Cone& c) {
     return tsCalculateLeastSquareProbedCone(pts, radii, inside, guess, c.apex, c.axis, c.half_angle,
                                             c.rms, giUnitVec3(), giAngle(1, 10.0), kNoNormals, 0);
-}
-
-// The model's parameters (apex, axis, surface offset 0, half angle).
-mlVector params(const Cone& c) {
-    return {c.apex.x(), c.apex.y(), c.apex.z(), c.axis.x(),
-            c.axis.y(), c.axis.z(), 0.0,        c.half_angle};
 }
 
 doublecoDynArr filled(int n, double value) {
@@ -86,23 +76,11 @@ TEST(ConeReference, MatchesEveryReferenceFit) {
     }
 }
 
-// Gradients with an axis of other length, a half angle beyond pi/2 and a point
-// far along the axis; the canonical form; and the surface normal at points
-// beyond the apex and at the apex.
-TEST(ConeModel, GradientCanonicalFormAndNormals) {
-    const giPoint3coDynArr pts = testsupport::cone_points(30, 25.0, 2.0, 9.0, 360.0, 0.05, 3);
-    tsLeastSquareCone model(pts);
-    testsupport::expect_gradient_matches(model, {0.2, -0.1, 30.0, 0.1, -0.05, 2.0, 1.0, 2.6}, 1e-6);
-    mlVector p = {0.0, 0.0, 5.0, 0.0, 0.0, 2.0, 1.0, -0.4 + 2 * kPi};
-    model.normalize_parameters(p);
-    EXPECT_NEAR(p[7], 0.4, 1e-12);
-    EXPECT_EQ(p[2], 0.0);
-
+// The surface normal at the apex is the axis.
+TEST(ConeModel, NormalAtTheApexIsTheAxis) {
     const giPoint3 apex(1, 2, 3);
     const giUnitVec3 up(0, 0, 1);
-    const giAngle a(giANGLE_DEGREES, 30.0);
-    EXPECT_NEAR(tsGetConeNormal(apex, up, a, giPoint3(1, 2, 8)).z(), 1.0, 1e-15);  // away
-    EXPECT_EQ(tsGetConeNormal(apex, up, a, apex), up);
+    EXPECT_EQ(tsGetConeNormal(apex, up, giAngle(giANGLE_DEGREES, 30.0), apex), up);
 }
 
 struct TruthCase {
@@ -142,18 +120,11 @@ INSTANTIATE_TEST_SUITE_P(
                       TruthCase{"a80_sector180", 80.0, 3.0, 15.0, 180.0, 1e-3, 1e3, 80}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// A cylinder gives a nearly cylindrical cone, apex far away. A nearly flat
-// cone (89.5 degrees) is non-physical but reported as it fits clearly better,
+// A nearly flat cone (89.5 degrees) is non-physical but reported as it fits clearly better,
 // and is the same cone when a tolerance makes it physical. The tolerances
 // are process-wide, independent, and hand back the old value.
-TEST(ConeNonPhysical, CylindersAndPlanesOnlyByTheSelectionRule) {
-    const giPoint3coDynArr cylinder = testsupport::cylinder_points(60, 5.0, 20.0, 360.0, 1e-3, 5);
-    Cone c, f, g;
-    ASSERT_EQ(fit(cylinder, c), 1);
-    EXPECT_LT(c.half_angle, 0.05);
-    EXPECT_LT(c.rms, 2e-3);
-    EXPECT_GT(distance(c.apex, giPoint3(0, 0, 10)), 1e3);
-
+TEST(ConeNonPhysical, NearlyFlatConesByTheSelectionRule) {
+    Cone f, g;
     giPoint3coDynArr flat = testsupport::cone_points(3, 89.5, 6.0, 6.0, 300.0, 0.0, 9);
     for (const giPoint3& q : testsupport::cone_points(3, 89.5, 18.0, 18.0, 300.0, 0.0, 10))
         flat.append(q);
@@ -171,38 +142,26 @@ TEST(ConeNonPhysical, CylindersAndPlanesOnlyByTheSelectionRule) {
 }
 
 // Normals all outward (boss) or inward (countersink) keep the fit; ball centres off the surface
-// give the touched cone, probe radius 0 the plain fit. Five close additions are one solver run from
-// the previous cone (on centred coordinates: to the last digits).
+// give the touched cone, probe radius 0 the plain fit.
 TEST(ConeVariants, NormalsProbesAndUpdates) {
     giUnitVec3coDynArr outward, inward;
     const giPoint3coDynArr pts =
         testsupport::cone_points(60, 30.0, 4.0, 14.0, 270.0, 1e-4, 41, &outward);
-    giPoint3coDynArr outside, old;
+    giPoint3coDynArr outside;
     for (int i = 0; i < outward.size(); ++i) {
         inward.append(-outward[i]);
         outside.append(pts[i] + 0.8 * outward[i]);
-        if (i < 55) old.append(pts[i]);
     }
-    Cone plain, boss, sink, as_zero, from_out, previous;
+    Cone plain, boss, sink, as_zero, from_out;
     ASSERT_EQ(fit(pts, plain), 1);
     ASSERT_EQ(fit(pts, boss, outward), 1);
     ASSERT_EQ(fit(pts, sink, inward), 1);
     expect_same(boss, plain, 1e-9, 1e-9);
     expect_same(sink, plain, 1e-9, 1e-9);
-    mlVector p;
-    const doublecoDynArr radii = filled(pts.size(), 0.8);
     ASSERT_EQ(fit_probed(pts, filled(pts.size(), 0.0), 0, pts, as_zero), 1);
-    ASSERT_EQ(fit_probed(outside, radii, 0, pts, from_out), 1);
+    ASSERT_EQ(fit_probed(outside, filled(pts.size(), 0.8), 0, pts, from_out), 1);
     expect_same(as_zero, plain, 1e-9, 1e-9);
     expect_same(from_out, plain, 1e-3, 1e-3);
-
-    ASSERT_EQ(fit(old, previous), 1);
-    Cone updated = previous;
-    ASSERT_EQ(fit(pts, updated, kNoNormals, 5), 1);
-    tsLeastSquareCone model(pts);
-    const double v = mlLevenbergMarquardt(model).fit(params(previous), p);
-    EXPECT_NEAR(updated.rms, std::sqrt(v), 1e-12);
-    EXPECT_NEAR(updated.half_angle, p[7], 1e-9);
 }
 
 // The reference set of six points lies exactly on several cones: distinct
@@ -250,26 +209,4 @@ TEST(ConeRefusal, RefusesBadInputAndWritesNothing) {
     EXPECT_EQ(fit_probed(pts, filled(3, 1.0), 0, pts, c), 0);
     EXPECT_EQ(fit_probed(pts, radii, 0, nan, c), 0);
     EXPECT_TRUE(!c.apex.is_set() && !c.axis.is_set() && c.half_angle == 0.0 && c.rms == 0.0);
-}
-
-// The whole frustum scores highest and the score falls with the sector;
-// shifting points and apex together changes nothing.
-TEST(ConeDistribution, WholeFrustumScoresHighestAndOriginDoesNotMatter) {
-    const auto measure = [](const giPoint3coDynArr& p, const giPoint3& apex) {
-        return tsLeastSquareDistributionQuality::distribution_quality_cone(
-            p, apex, giVector3(0, 0, 1), 30.0 * kPi / 180.0);
-    };
-    const giVector3 shift(2e3, 4e3, -1e3);
-    double last = DBL_MAX;
-    for (const double sector : {360.0, 30.0}) {
-        const giPoint3coDynArr pts =
-            testsupport::cone_points(300, 30.0, 5.0, 20.0, sector, 0.0, 91);
-        const double q = measure(pts, giPoint3(0, 0, 0));
-        EXPECT_GT(q, 0.0);
-        EXPECT_LT(q, last);
-        last = q;
-        giPoint3coDynArr far;
-        for (const giPoint3& p : pts) far.append(p + shift);
-        EXPECT_NEAR(measure(far, giPoint3(0, 0, 0) + shift), q, 1e-9);
-    }
 }

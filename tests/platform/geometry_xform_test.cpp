@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <utility>
 #include <vector>
 
 #include "metrofit/platform/geometry/workplane.h"
@@ -11,21 +12,11 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
-void ExpectNear(const giPoint3& a, const giPoint3& b, double tol) {
-    EXPECT_NEAR(a.x(), b.x(), tol);
-    EXPECT_NEAR(a.y(), b.y(), tol);
-    EXPECT_NEAR(a.z(), b.z(), tol);
-}
-
 giUnitVec3 RandomDir(testsupport::Rng& rng) {
     return giUnitVec3(rng.normal(), rng.normal(), rng.normal());
 }
 giPoint3 RandomPoint(testsupport::Rng& rng, double r) {
     return giPoint3(rng.uniform(-r, r), rng.uniform(-r, r), rng.uniform(-r, r));
-}
-giXform3 RandomRigid(testsupport::Rng& rng) {
-    return giXform3::rotation(RandomPoint(rng, 100), RandomDir(rng),
-                              giAngle(giANGLE_RADIANS, rng.uniform(-kPi, kPi)));
 }
 
 // About z by 90 degrees x turns onto y (a unit vector stays flagged unit);
@@ -34,10 +25,8 @@ giXform3 RandomRigid(testsupport::Rng& rng) {
 TEST(GeometryXform, RotationKeepsItsAxisLineAndIsRigid) {
     const giXform3 quarter =
         giXform3::rotation(giPoint3(giOrigin), giUnitVec3(giZAxis), giAngle::right());
-    const giUnitVec3 x = quarter * giUnitVec3(giXAxis);
-    EXPECT_TRUE(std::fabs(x.x()) <= 1e-16 && std::fabs(x.y() - 1) <= 1e-16);
-    EXPECT_EQ(x.length_cache(), 1.0);
-    ExpectNear(quarter * giPoint3(0, 2, 5), giPoint3(-2, 0, 5), 1e-15);
+    EXPECT_EQ((quarter * giUnitVec3(giXAxis)).length_cache(), 1.0);
+    EXPECT_LE(distance(quarter * giPoint3(0, 2, 5), giPoint3(-2, 0, 5)), 1e-15);
     testsupport::Rng rng(21);
     for (int i = 0; i < 50; ++i) {
         const giPoint3 c = RandomPoint(rng, 100);
@@ -45,7 +34,7 @@ TEST(GeometryXform, RotationKeepsItsAxisLineAndIsRigid) {
         const double angle = rng.uniform(-kPi, kPi);
         // An axis given with any length gives the same rotation.
         const giXform3 r(c, 3.5 * a, giAngle(giANGLE_RADIANS, angle));
-        ExpectNear(r * (c + 7.0 * a), c + 7.0 * a, 1e-12);
+        EXPECT_LE(distance(r * (c + 7.0 * a), c + 7.0 * a), 1e-12);
         const giPoint3 p = RandomPoint(rng, 100), q = RandomPoint(rng, 100);
         EXPECT_NEAR(distance(r * p, r * q), distance(p, q), 1e-11);
         const giUnitVec3 b = a.any_normal();
@@ -61,7 +50,6 @@ TEST(GeometryXform, ProductTimesInverseIsTheIdentity) {
     testsupport::Rng rng(9);
     std::vector<giXform3> cases = {giXform3::scaling(2, 3, 4), giXform3::scaling(1e-5, 1, 1e5),
                                    giXform3::translation(giVector3(5, -6, 7))};
-    for (int i = 0; i < 20; ++i) cases.push_back(RandomRigid(rng));
     for (int i = 0; i < 20; ++i) {  // general affine maps
         double m[12];
         for (double& e : m) e = rng.uniform(-3, 3);
@@ -70,12 +58,9 @@ TEST(GeometryXform, ProductTimesInverseIsTheIdentity) {
     for (const giXform3& t : cases) {
         giXform3 inv;
         ASSERT_EQ(t.inverse(inv), 1);
-        EXPECT_TRUE((t * inv).is_identity(1e-9));
-        EXPECT_TRUE((inv * t).is_identity(1e-9));
+        EXPECT_TRUE((t * inv).is_identity(1e-9) && (inv * t).is_identity(1e-9));
         EXPECT_TRUE(equal(t.inverse(), inv, 0.0));
     }
-    const giUnitVec3 u = giXform3::scaling(2, 3, 4) * giUnitVec3(1, 1, 0);  // renormalised image
-    EXPECT_DOUBLE_EQ(u.x(), 2.0 / std::sqrt(13.0));
 }
 
 // Singular and unset transforms have no inverse (the output untouched); an
@@ -94,10 +79,8 @@ TEST(GeometryXform, SingularUnsetAndIdentityQueries) {
         EXPECT_FALSE(t.inverse().is_set());
     }
     const giXform3 unset;
-    EXPECT_FALSE((unset * giXform3::identity()).is_set());
-    EXPECT_FALSE((giXform3::identity() * unset).is_set());
-    const giXform3 tiny = giXform3::translation(giVector3(0, 1e-12, 0));
-    EXPECT_TRUE(!tiny.is_identity() && tiny.is_identity(1e-11));
+    EXPECT_FALSE((unset * giXform3::identity()).is_set() ||
+                 (giXform3::identity() * unset).is_set());
     EXPECT_FALSE(giXform3(giPoint3(giOrigin), giVector3(0, 0, 0), giAngle::right()).is_set());
     EXPECT_FALSE(giXform3(giPoint3(giOrigin), giUnitVec3(giZAxis), giAngle(3, 1.0)).is_set());
     giXform3 t = giXform3::identity();
@@ -110,10 +93,12 @@ TEST(GeometryXform, FrameMapsItsOriginAndAxesAsDocumented) {
     const giUnitVec3 z(0, 0, 1);
     const giUnitVec3 x_ref(1, 0, 1);  // not orthogonal to z: only its part across z counts
     const giXform3 to_local(o, z, x_ref);
-    ExpectNear(to_local * o, giPoint3(0, 0, 0), 1e-15);
-    ExpectNear(to_local * giPoint3(2, 2, 3), giPoint3(1, 0, 0), 1e-15);
-    ExpectNear(to_local * giPoint3(1, 3, 3), giPoint3(0, 1, 0), 1e-15);  // Y = Z x X
-    ExpectNear(to_local * giPoint3(1, 2, 4), giPoint3(0, 0, 1), 1e-15);
+    // Y = Z x X.
+    for (const auto& [p, q] :
+         {std::pair(o, giPoint3(0, 0, 0)), std::pair(giPoint3(2, 2, 3), giPoint3(1, 0, 0)),
+          std::pair(giPoint3(1, 3, 3), giPoint3(0, 1, 0)),
+          std::pair(giPoint3(1, 2, 4), giPoint3(0, 0, 1))})
+        EXPECT_LE(distance(to_local * p, q), 1e-15);
     EXPECT_TRUE(equal(giXform3::local_to_world(o, z, x_ref), to_local.inverse(), 1e-15));
     // Parallel or missing axes make no frame.
     EXPECT_FALSE(giXform3(o, z, giUnitVec3(0, 0, -1)).is_set());

@@ -32,8 +32,7 @@ TEST(UtilsProjectPointsToPlane, ReferenceAxisAndEmptyInput) {
     giPoint2coDynArr flat;
     giXform3 frame;
     tsUtils::ProjectPointsToPlane(pts, giPoint3(0, 0, 0), giVector3(2, 0, 0), flat, &frame);
-    EXPECT_NEAR(flat[0].x(), 1.0, 1e-15);
-    EXPECT_NEAR(flat[0].y(), 0.0, 1e-15);
+    EXPECT_LE(distance(flat[0], giPoint2(1, 0)), 1e-15);
     EXPECT_NEAR(std::abs(flat[1].y()), 1.0, 1e-15);
 
     giPoint2coDynArr none{giPoint2(1, 1)};
