@@ -1,3 +1,6 @@
+// Every least-squares model of the fits against central differences (its
+// gradient), and the distribution scores of the axial fits and the ellipse:
+// whole surfaces score high, narrow strips and short arcs low.
 #include <gtest/gtest.h>
 
 #include <functional>
